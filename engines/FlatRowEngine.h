@@ -1,0 +1,11 @@
+#pragma once
+#include "DDImage/ChannelSet.h"
+#include "DDImage/Row.h"
+
+class tzVorel;
+
+namespace vorel {
+// One output row of "Defocused Image" / "Lens Bloom" from the flat input and its depth.
+void flatRowEngine(const tzVorel& node, int y, int x, int r, const DD::Image::ChannelSet& channels,
+                   DD::Image::Row& out);
+}  // namespace vorel

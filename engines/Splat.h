@@ -1,0 +1,24 @@
+#pragma once
+// Spreads one source pixel (or deep piece) into the accumulators of one output row.
+
+#include "DDImage/ChannelSet.h"
+#include "engines/Slices.h"
+
+class tzVorel;
+
+namespace vorel {
+
+void splatPixel(const tzVorel& node, int pixelX, int pixelY, int rowLeft, int rowY, int rowRight,
+                int sourceX, int sourceY, float coc, unsigned slice, float sampleWeight,
+                const float* colours, const ChannelPlanes* sliceColourPlanes,
+                const ChannelPlanes* sliceWeightPlanes, const DD::Image::ChannelSet& channels,
+                float bloomMatte, float chromaticMatte);
+
+// The diagonal source offset of channel `c` under chromatic aberration (already truncated:
+// returns the moved coordinate for `position`).
+int chromaticShift(const NodeParameters& p, int position, DD::Image::Channel c, float spread);
+
+// P[j] += cw * K[j]; Q[j] += w * K[j] for j in [0, count): the hot loop, one sweep for both.
+void accumulateKernelRow(float* P, float* Q, const float* K, float cw, float w, int count);
+
+}  // namespace vorel
