@@ -1,0 +1,4 @@
+#include "lens/Scan.h"
+namespace vorel {
+void scanMaxCoC(tzVorel&) {}
+}  // namespace vorel // STUB
