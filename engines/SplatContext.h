@@ -1,0 +1,39 @@
+#pragma once
+// What splatPixel needs from the node, gathered once per engine call, so that the per-source-pixel
+// work walks a short list of channels instead of a 1024-slot channel set.
+
+#include <vector>
+
+#include "DDImage/Box.h"
+#include "DDImage/ChannelSet.h"
+#include "engines/Slices.h"
+#include "lens/Kernel.h"
+#include "node/NodeParameters.h"
+
+class tzVorel;
+
+namespace vorel {
+
+struct SplatContext {
+  // `channels` is the row's request; only those also in the node's vorelChannels are kept.
+  SplatContext(const tzVorel& node, const DD::Image::ChannelSet& channels);
+  // The same from the pieces, for code that holds them without a node.
+  SplatContext(const NodeParameters& params, const std::vector<Kernel>& kernelBank,
+               const DD::Image::Box& format, const DD::Image::ChannelSet& channels);
+
+  const NodeParameters& params;
+  const Kernel* bank;
+  unsigned bankSize;
+  DD::Image::Box format;
+  // Ascending: the channels of the request that have kernel planes and accumulators.
+  std::vector<DD::Image::Channel> channelList;
+};
+
+// splatPixel with the node's part and the channel walk prepared by the caller: same arguments in
+// the same order (less the channel set), same sums. Allocates nothing.
+void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
+                int rowRight, int sourceX, int sourceY, float coc, unsigned slice,
+                float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
+                const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte);
+
+}  // namespace vorel
