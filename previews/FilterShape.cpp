@@ -1,4 +1,27 @@
 #include "previews/Previews.h"
+
+#include "node/tzVorel.h"
+
+using namespace DD::Image;
+
 namespace vorel {
-void filterShapeRow(const tzVorel&, int, int, int, const DD::Image::ChannelSet&, DD::Image::Row&) {}
-}  // namespace vorel // STUB
+
+void filterShapeRow(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row) {
+  row.erase(channels);
+  const Kernel& kernel = node.masterKernel;
+  const bool rowInside = y >= 0 && y < kernel.height;
+  foreach (z, channels) {
+    if (!node.params.vorelChannels.contains(z))
+      continue;
+    const float* plane = kernel.plane(z);
+    if (!plane || !rowInside)
+      continue;
+    // One output pixel per kernel value, kernel origin on the image origin; no scaling.
+    const float* source = plane + static_cast<std::size_t>(y) * static_cast<std::size_t>(kernel.width);
+    float* out = row.writable(z);
+    for (int i = x; i < r; ++i)
+      out[i] = (i >= 0 && i < kernel.width) ? source[i] : 0.0f;
+  }
+}
+
+}  // namespace vorel
