@@ -1,0 +1,44 @@
+#pragma once
+// The deep samples of an area: one flat float array plus each pixel's first sample, so a plane
+// can be refilled many times per row without allocating per pixel.
+
+#include <cstddef>
+#include <vector>
+
+#include "DDImage/Box.h"
+#include "DDImage/ChannelMap.h"
+#include "DDImage/DeepPixel.h"
+
+namespace DD {
+namespace Image {
+
+class DeepPlane {
+public:
+  DeepPlane() = default;
+  DeepPlane(const DeepPlane&) = delete;
+  DeepPlane& operator=(const DeepPlane&) = delete;
+
+  const ChannelMap& channels() const { return map_; }
+  const Box& box() const { return box_; }
+  // The pixel's samples; none for a pixel outside the box.
+  DeepPixel getPixel(int y, int x) const;
+
+  // ---- host side: filling. Pixels are added in order, rows bottom up, columns left to right.
+  // Keeps the storage for reuse.
+  void reset(const Box& box, const ChannelSet& channels);
+  void reserveSamples(std::size_t samples) { data_.reserve(samples * map_.size()); }
+  // Appends the next pixel with that many samples and returns its first float (samples in the
+  // map's order, stored sorted by front ascending). Null past the last pixel.
+  float* addPixel(std::size_t samples);
+  // Pixels not yet added get no samples.
+  void finish();
+
+private:
+  Box box_;
+  ChannelMap map_;
+  std::vector<float> data_;
+  std::vector<std::size_t> firstSample_;  // per pixel, then the total
+};
+
+}  // namespace Image
+}  // namespace DD

@@ -1,0 +1,173 @@
+#pragma once
+// The host's side, not part of the SDK: in-memory sources, a camera, building and connecting ops
+// by class name, running the call protocol, and reading back what ops recorded (reports,
+// requests, knobs). Tests and the command-line renderer use this; the node never does.
+
+#include <cstddef>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "DDImage/Box.h"
+#include "DDImage/CameraOp.h"
+#include "DDImage/ChannelSet.h"
+#include "DDImage/DeepOp.h"
+#include "DDImage/Format.h"
+#include "DDImage/HostRecords.h"
+#include "DDImage/Iop.h"
+#include "DDImage/Knob.h"
+#include "DDImage/Op.h"
+
+namespace DD {
+namespace Image {
+namespace host {
+
+// ---- driving ops --------------------------------------------------------------------------
+
+// Builds an op of a registered class and runs a make pass of its knobs. Null for an unknown
+// class. (The class's object file must be linked in for its Description to register.)
+std::unique_ptr<Op> create(const char* className);
+// Connects source to input i of op (set_input(i, source, 0, 0)) and invalidates the op. Refused
+// (false, nothing changed) when i is out of range or test_input says no. Null disconnects.
+bool connect(Op& op, int i, Op* source);
+// The host's call protocol up to rows: validate(true), request(area, channels, 1), open().
+// Rows then come from op.engine(y, x, r, channels, row), from any number of threads.
+void prepare(Iop& op, const Box& area, const ChannelSet& channels);
+// The same over the op's own bounding box and channels (after validating it).
+void prepare(Iop& op);
+
+// The format of the black image on an open input 0 (2048x1556 at start).
+void setDefaultFormat(const Format& format);
+Format defaultFormat();
+
+// ---- reports and abort ----------------------------------------------------------------------
+
+bool hasError(const Op& op);
+std::string errorText(const Op& op);  // the last error raised
+std::vector<std::string> warnings(const Op& op);
+void clearReports(Op& op);
+void setAborted(Op& op, bool aborted);
+
+// ---- requests ---------------------------------------------------------------------------------
+
+// Every Iop::request made of op, in order, since the last clear.
+const std::vector<Request>& requests(const Iop& op);
+void clearRequests(Iop& op);
+// Every DeepOp::deepRequest made of op.
+const std::vector<Request>& deepRequests(const DeepOp& op);
+void clearDeepRequests(DeepOp& op);
+
+// ---- knobs ------------------------------------------------------------------------------------
+
+// Make pass: drops any knobs the op had and calls knobs() to record them afresh.
+void makeKnobs(Op& op);
+// Store pass: calls knobs() again; the closure hands back the existing records.
+void storeKnobs(Op& op);
+// The op's knobs in the order they were made.
+const std::vector<Knob*>& knobs(const Op& op);
+// A user edit: set_value (clamped by FORCE_RANGE), then knob_changed, then invalidate.
+// False, and nothing done, for an unknown knob or a value the knob refuses.
+bool userEdit(Op& op, const char* knobName, double value, int channel = -1);
+// The same for a channel-set knob and a channel knob.
+bool userEditChannels(Op& op, const char* knobName, const ChannelSet& channels);
+bool userEditChannel(Op& op, const char* knobName, Channel z);
+
+// ---- in-memory sources ---------------------------------------------------------------------
+
+// A flat image: one float plane per channel over its bounding box, row-major, row 0 is box.y().
+// Read-only once rows are asked for, so engine may run on many threads at once.
+class FlatImage : public Iop {
+public:
+  FlatImage(const Format& format, const Box& box, const ChannelSet& channels);
+  // Format and box the same.
+  FlatImage(const Format& format, const ChannelSet& channels);
+
+  // Values at box pixels; writes outside the box or to a missing channel are ignored.
+  void set(int x, int y, Channel z, float v);
+  float value(int x, int y, Channel z) const;
+  void fill(Channel z, float v);
+  // Sets every box pixel of every channel to f(x, y, z).
+  template <class F> void fill(F f) {
+    foreach (z, channels_)
+      for (int yy = box_.y(); yy < box_.t(); ++yy)
+        for (int xx = box_.x(); xx < box_.r(); ++xx)
+          set(xx, yy, z, static_cast<float>(f(xx, yy, z)));
+  }
+  // The channel's plane (box.w() * box.h() floats), or null for a missing channel.
+  float* plane(Channel z);
+  const Box& dataBox() const { return box_; }
+
+  const char* Class() const override { return "HostFlatImage"; }
+  const char* node_help() const override { return "in-memory flat image"; }
+  void engine(int y, int x, int r, ChannelMask channels, Row& row) override;
+
+protected:
+  void _validate(bool for_real) override;
+
+private:
+  Format format_;
+  Box box_;
+  ChannelSet channels_;
+  std::vector<std::vector<float>> planes_;  // indexed by channel number; empty when missing
+};
+
+// A deep image. Add samples, then validate (or finish) before reading: that packs and sorts them.
+class DeepImage : public DeepOnlyOp {
+public:
+  // channels: the image's channels besides deep.front and deep.back, which it always has.
+  DeepImage(const Format& format, const Box& box, const ChannelSet& channels);
+
+  // One sample at a box pixel. Unlisted channels are 0; without a deep.back value, back = front.
+  void addSample(int x, int y, std::initializer_list<std::pair<Channel, float>> values);
+  void addSample(int x, int y, const std::vector<std::pair<Channel, float>>& values);
+  // One sample given as a float per channel of channels(), in ascending channel order.
+  void addSampleValues(int x, int y, const float* values);
+  // Packs and sorts the samples added so far.
+  void finish();
+  ChannelSet channels() const { return channels_; }
+  std::size_t sampleCount(int x, int y) const;
+  // Makes deepEngine return false (to test a failed fetch).
+  void setEngineFails(bool fails) { engineFails_ = fails; }
+
+  const char* Class() const override { return "HostDeepImage"; }
+  const char* node_help() const override { return "in-memory deep image"; }
+
+protected:
+  void _validate(bool for_real) override;
+  bool doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) override;
+
+private:
+  void addStaged(int x, int y, const float* values);
+
+  Format format_;
+  Box box_;
+  ChannelSet channels_;
+  std::vector<Channel> channelList_;
+  int frontSlot_ = 0, backSlot_ = 0;
+  bool engineFails_ = false;
+  bool dirty_ = false;
+  std::vector<std::size_t> stagedPixel_;  // samples added since the last finish: box pixel
+  std::vector<float> stagedData_;          // and values
+  std::vector<float> data_;                // packed: per pixel, samples sorted by front, back
+  std::vector<std::size_t> firstSample_;   // per box pixel, then the total
+};
+
+// A camera whose five values are set directly.
+class Camera : public CameraOp {
+public:
+  Camera() : CameraOp(nullptr) {}
+  void setFocalLength(double v) { focalLength_ = v; }
+  void setFilmWidth(double v) { filmWidth_ = v; }
+  void setFilmHeight(double v) { filmHeight_ = v; }
+  void setFocalPoint(double v) { focalPoint_ = v; }
+  void setFstop(double v) { fstop_ = v; }
+
+  const char* Class() const override { return "HostCamera"; }
+  const char* node_help() const override { return "in-memory camera"; }
+};
+
+}  // namespace host
+}  // namespace Image
+}  // namespace DD

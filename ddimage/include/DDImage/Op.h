@@ -1,0 +1,143 @@
+#pragma once
+// The base of every operator in the graph: inputs, knobs, reports and the validate/open
+// lifecycle.
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "DDImage/HostRecords.h"
+#include "DDImage/OutputContext.h"
+
+class Node;  // the host's object behind an op; opaque to plug-ins
+
+namespace DD {
+namespace Image {
+
+class Op;
+class Iop;
+class Knob;
+class Knob_Closure;
+class Hash;
+class License;
+typedef Knob_Closure& Knob_Callback;
+namespace MetaData { class Bundle; }
+
+class Op {
+public:
+  typedef Op* (*OpConstructor)(Node*);
+  typedef Iop* (*IopConstructor)(Node*);
+
+  // Registers a class of op by name when the library loads.
+  class Description {
+  public:
+    Description(const char* name, const char* menu, IopConstructor constructor);
+    Description(const char* name, OpConstructor constructor, License* license = nullptr);
+    Description(const Description&) = delete;
+    Description& operator=(const Description&) = delete;
+
+    const char* name;
+    const char* menu;
+
+    // Host side: builds an op of this class (null if the constructor gives null).
+    Op* build(Node* node) const;
+    // Host side: the registered description of that name, or null.
+    static const Description* find(const char* name);
+    // Host side: every registered class name.
+    static std::vector<std::string> names();
+
+  private:
+    OpConstructor opConstructor_ = nullptr;
+    IopConstructor iopConstructor_ = nullptr;
+  };
+
+  enum GenerateType { OUTPUT_OP = 0, INPUT_OP = 1, INPUT_OP_PROXY = 2 };
+
+  virtual ~Op();
+  Op(const Op&) = delete;
+  Op& operator=(const Op&) = delete;
+
+  Node* node() const { return node_; }
+
+  // Inputs.
+  int inputs() const { return static_cast<int>(inputs_.size()); }
+  virtual void inputs(int n);
+  // The op in use on input n: the connected one, else default_input(n). Null outside 0..inputs()-1.
+  Op* input(int n) const;
+  Op* input0() const { return input(0); }
+  Op* input1() const { return input(1); }
+  // What is really connected to input n, or null.
+  Op* node_input(int n, GenerateType type = OUTPUT_OP) const;
+  virtual void set_input(int i, Op* op, int input, int offset);
+  virtual bool test_input(int n, Op* op) const;
+  virtual Op* default_input(int n) const;
+  virtual const char* input_label(int n, char* buffer) const;
+  virtual std::string input_longlabel(int n) const;
+  virtual int minimum_inputs() const { return inputs(); }
+  virtual int maximum_inputs() const { return inputs(); }
+  virtual int optional_input() const { return minimum_inputs(); }
+  virtual float uses_input(int) const { return 1.0f; }
+  virtual const char* node_shape() const { return ""; }
+  virtual unsigned node_color() const { return 0; }
+
+  virtual const char* Class() const = 0;
+  virtual const char* node_help() const = 0;
+
+  virtual void append(Hash& hash);
+  const MetaData::Bundle& fetchMetaData(const char* key) { return _fetchMetaData(key); }
+  virtual const MetaData::Bundle& _fetchMetaData(const char* key);
+
+  // Knobs.
+  virtual void knobs(Knob_Callback f);
+  virtual int knob_changed(Knob* k);
+  // The knob of that name, or null.
+  Knob* knob(const char* name) const;
+
+  // Lifecycle. validate runs _validate unless the op is already valid at that level (a real
+  // validation also counts for a non-real one). open runs _open once after each validate or
+  // request. invalidate forgets both.
+  void validate(bool for_real = true);
+  void open();
+  void close();
+  bool invalidate();
+  bool valid() const { return valid_; }
+  bool real_valid() const { return realValid_; }
+  bool opened() const { return opened_; }
+
+  // Reports, printf style. Recorded for the host; neither stops the caller.
+  void error(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  void warning(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  bool aborted() const { return aborted_.load(std::memory_order_relaxed); }
+
+  const OutputContext& uiContext() const { return uiContext_; }
+
+protected:
+  explicit Op(Node* node);
+
+  virtual void _validate(bool for_real);
+  virtual void _open();
+  virtual void _close();
+
+  // Called by Iop::request: a new request means the op must open again.
+  void forgetOpen() { opened_ = false; }
+
+private:
+  friend struct host::Access;
+
+  Node* node_;
+  std::vector<Op*> inputs_;
+  std::vector<Knob*> knobs_;
+  bool valid_ = false;
+  bool realValid_ = false;
+  bool opened_ = false;
+  std::atomic<bool> aborted_{false};
+  mutable std::mutex reportMutex_;
+  bool hasError_ = false;
+  std::string error_;
+  std::vector<std::string> warnings_;
+  OutputContext uiContext_;
+};
+
+}  // namespace Image
+}  // namespace DD

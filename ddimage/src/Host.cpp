@@ -1,0 +1,373 @@
+#include <algorithm>
+#include <numeric>
+
+#include "Access.h"
+#include "DDImage/Host.h"
+#include "DDImage/Knobs.h"
+#include "DDImage/Row.h"
+
+// The host's object behind every op it builds. Plug-ins only ever hold the pointer.
+class Node {};
+
+namespace DD {
+namespace Image {
+namespace host {
+
+namespace {
+Node gNode;
+
+Box normalized(Box b) {
+  if (b.r() < b.x()) b.r(b.x());
+  if (b.t() < b.y()) b.t(b.y());
+  return b;
+}
+}  // namespace
+
+// ---- driving ------------------------------------------------------------------------------------
+
+std::unique_ptr<Op> create(const char* className) {
+  const Op::Description* d = Op::Description::find(className);
+  if (!d)
+    return nullptr;
+  std::unique_ptr<Op> op(d->build(&gNode));
+  if (op)
+    makeKnobs(*op);
+  return op;
+}
+
+bool connect(Op& op, int i, Op* source) {
+  if (i < 0 || i >= std::max(op.inputs(), op.maximum_inputs()))
+    return false;
+  if (source && !op.test_input(i, source))
+    return false;
+  op.set_input(i, source, 0, 0);
+  op.invalidate();
+  return true;
+}
+
+void prepare(Iop& op, const Box& area, const ChannelSet& channels) {
+  op.validate(true);
+  op.request(area, channels, 1);
+  op.open();
+}
+
+void prepare(Iop& op) {
+  op.validate(true);
+  const Box area = op.info().box();
+  const ChannelSet channels = op.info().channels();
+  prepare(op, area, channels);
+}
+
+// ---- reports ------------------------------------------------------------------------------------
+
+bool hasError(const Op& op) {
+  std::lock_guard<std::mutex> lock(Access::reportMutex(op));
+  return Access::hasError(op);
+}
+
+std::string errorText(const Op& op) {
+  std::lock_guard<std::mutex> lock(Access::reportMutex(op));
+  return Access::error(op);
+}
+
+std::vector<std::string> warnings(const Op& op) {
+  std::lock_guard<std::mutex> lock(Access::reportMutex(op));
+  return Access::warnings(op);
+}
+
+void clearReports(Op& op) {
+  std::lock_guard<std::mutex> lock(Access::reportMutex(op));
+  Access::clearReports(op);
+}
+
+void setAborted(Op& op, bool aborted) { Access::setAborted(op, aborted); }
+
+// ---- requests -----------------------------------------------------------------------------------
+
+const std::vector<Request>& requests(const Iop& op) { return Access::requests(op); }
+void clearRequests(Iop& op) { Access::requests(op).clear(); }
+const std::vector<Request>& deepRequests(const DeepOp& op) { return Access::deepRequests(op); }
+void clearDeepRequests(DeepOp& op) { Access::deepRequests(op).clear(); }
+
+// ---- knobs --------------------------------------------------------------------------------------
+
+void makeKnobs(Op& op) {
+  std::vector<Knob*>& list = Access::knobs(op);
+  for (Knob* k : list)
+    delete k;
+  list.clear();
+  Knob_Closure f(op, true);
+  op.knobs(f);
+}
+
+void storeKnobs(Op& op) {
+  Knob_Closure f(op, false);
+  op.knobs(f);
+}
+
+const std::vector<Knob*>& knobs(const Op& op) { return Access::knobs(op); }
+
+namespace {
+template <class Set>
+bool edit(Op& op, const char* knobName, Set set) {
+  Knob* k = op.knob(knobName);
+  if (!k || !set(*k))
+    return false;
+  op.knob_changed(k);
+  op.invalidate();
+  return true;
+}
+}  // namespace
+
+bool userEdit(Op& op, const char* knobName, double value, int channel) {
+  return edit(op, knobName, [&](Knob& k) { return k.set_value(value, channel); });
+}
+
+bool userEditChannels(Op& op, const char* knobName, const ChannelSet& channels) {
+  return edit(op, knobName, [&](Knob& k) { return k.setChannelSet(channels); });
+}
+
+bool userEditChannel(Op& op, const char* knobName, Channel z) {
+  return edit(op, knobName, [&](Knob& k) {
+    bool ok = true;
+    for (int i = 0; i < k.arraySize() && ok; ++i)
+      ok = k.setChannel(z, i);
+    return ok;
+  });
+}
+
+// ---- FlatImage ----------------------------------------------------------------------------------
+
+FlatImage::FlatImage(const Format& format, const Box& box, const ChannelSet& channels)
+    : Iop(&gNode), format_(format), box_(normalized(box)), channels_(channels),
+      planes_(ChannelSet::kChannels) {
+  inputs(0);
+  const std::size_t size = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
+  foreach (z, channels_)
+    planes_[z].assign(size, 0.0f);
+  _validate(true);
+}
+
+FlatImage::FlatImage(const Format& format, const ChannelSet& channels)
+    : FlatImage(format, Box(format.x(), format.y(), format.r(), format.t()), channels) {}
+
+void FlatImage::_validate(bool) {
+  info_.format(format_);
+  info_.full_size_format(format_);
+  info_.set(box_.x(), box_.y(), box_.r(), box_.t());
+  info_.channels(channels_);
+}
+
+void FlatImage::set(int x, int y, Channel z, float v) {
+  if (!channels_.contains(z) || x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t())
+    return;
+  planes_[z][static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+             static_cast<std::size_t>(x - box_.x())] = v;
+}
+
+float FlatImage::value(int x, int y, Channel z) const {
+  if (!channels_.contains(z) || x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t())
+    return 0.0f;
+  return planes_[z][static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+                    static_cast<std::size_t>(x - box_.x())];
+}
+
+void FlatImage::fill(Channel z, float v) {
+  if (channels_.contains(z))
+    std::fill(planes_[z].begin(), planes_[z].end(), v);
+}
+
+float* FlatImage::plane(Channel z) { return channels_.contains(z) ? planes_[z].data() : nullptr; }
+
+void FlatImage::engine(int y, int x, int r, ChannelMask channels, Row& row) {
+  if (r <= x)
+    return;
+  const bool empty = box_.empty();
+  const int yy = empty ? 0 : box_.clampy(y);
+  const int ix = std::min(std::max(x, box_.x()), box_.r());
+  const int ir = std::max(std::min(r, box_.r()), box_.x());
+  foreach (z, channels) {
+    float* out = row.writable(z);
+    if (empty || !channels_.contains(z)) {
+      std::fill(out + x, out + r, 0.0f);
+      continue;
+    }
+    // Columns beside the box repeat its edge columns, as Iop::get does.
+    const float* line = planes_[z].data() + static_cast<std::size_t>(yy - box_.y()) * static_cast<std::size_t>(box_.w());
+    if (ix < ir)
+      std::copy(line + (ix - box_.x()), line + (ir - box_.x()), out + ix);
+    if (x < ix)
+      std::fill(out + x, out + ix, line[0]);
+    if (ir < r)
+      std::fill(out + std::max(ir, x), out + r, line[box_.w() - 1]);
+  }
+}
+
+// ---- DeepImage ----------------------------------------------------------------------------------
+
+DeepImage::DeepImage(const Format& format, const Box& box, const ChannelSet& channels)
+    : DeepOnlyOp(&gNode), format_(format), box_(normalized(box)), channels_(channels) {
+  inputs(0);
+  channels_ += Chan_DeepFront;
+  channels_ += Chan_DeepBack;
+  foreach (z, channels_)
+    channelList_.push_back(z);
+  const ChannelMap map(channels_);
+  frontSlot_ = map.chanNo(Chan_DeepFront);
+  backSlot_ = map.chanNo(Chan_DeepBack);
+  firstSample_.assign(static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h()) + 1, 0);
+  _deepInfo = DeepInfo(format_, box_, channels_);
+}
+
+void DeepImage::_validate(bool) {
+  finish();
+  _deepInfo = DeepInfo(format_, box_, channels_);
+}
+
+void DeepImage::addSample(int x, int y, std::initializer_list<std::pair<Channel, float>> values) {
+  addSample(x, y, std::vector<std::pair<Channel, float>>(values));
+}
+
+void DeepImage::addSample(int x, int y, const std::vector<std::pair<Channel, float>>& values) {
+  std::vector<float> sample(channelList_.size(), 0.0f);
+  bool backGiven = false;
+  for (const auto& cv : values) {
+    auto it = std::find(channelList_.begin(), channelList_.end(), cv.first);
+    if (it == channelList_.end())
+      continue;
+    sample[static_cast<std::size_t>(it - channelList_.begin())] = cv.second;
+    backGiven = backGiven || cv.first == Chan_DeepBack;
+  }
+  if (!backGiven)
+    sample[static_cast<std::size_t>(backSlot_)] = sample[static_cast<std::size_t>(frontSlot_)];
+  addStaged(x, y, sample.data());
+}
+
+void DeepImage::addSampleValues(int x, int y, const float* values) {
+  if (values)
+    addStaged(x, y, values);
+}
+
+void DeepImage::addStaged(int x, int y, const float* values) {
+  if (x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t())
+    return;
+  stagedPixel_.push_back(static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+                         static_cast<std::size_t>(x - box_.x()));
+  stagedData_.insert(stagedData_.end(), values, values + channelList_.size());
+  invalidate();
+}
+
+std::size_t DeepImage::sampleCount(int x, int y) const {
+  if (x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t())
+    return 0;
+  const std::size_t p = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+                        static_cast<std::size_t>(x - box_.x());
+  std::size_t n = firstSample_[p + 1] - firstSample_[p];
+  for (std::size_t s : stagedPixel_)
+    n += s == p;
+  return n;
+}
+
+void DeepImage::finish() {
+  if (stagedPixel_.empty())
+    return;
+  const std::size_t nch = channelList_.size();
+  const std::size_t pixels = firstSample_.size() - 1;
+
+  // Counting sort of old and staged samples by pixel, then each pixel sorted by front, back.
+  std::vector<std::size_t> first(pixels + 1, 0);
+  for (std::size_t p = 0; p < pixels; ++p)
+    first[p + 1] = firstSample_[p + 1] - firstSample_[p];
+  for (std::size_t p : stagedPixel_)
+    ++first[p + 1];
+  std::partial_sum(first.begin(), first.end(), first.begin());
+
+  std::vector<float> data(first.back() * nch);
+  std::vector<std::size_t> fill(first.begin(), first.end() - 1);
+  for (std::size_t p = 0; p < pixels; ++p)
+    for (std::size_t s = firstSample_[p]; s < firstSample_[p + 1]; ++s)
+      std::copy_n(data_.begin() + static_cast<std::ptrdiff_t>(s * nch), nch,
+                  data.begin() + static_cast<std::ptrdiff_t>(fill[p]++ * nch));
+  for (std::size_t k = 0; k < stagedPixel_.size(); ++k)
+    std::copy_n(stagedData_.begin() + static_cast<std::ptrdiff_t>(k * nch), nch,
+                data.begin() + static_cast<std::ptrdiff_t>(fill[stagedPixel_[k]]++ * nch));
+
+  const std::size_t fs = static_cast<std::size_t>(frontSlot_), bs = static_cast<std::size_t>(backSlot_);
+  std::vector<std::size_t> order;
+  std::vector<float> sorted;
+  for (std::size_t p = 0; p < pixels; ++p) {
+    const std::size_t n = first[p + 1] - first[p];
+    if (n < 2)
+      continue;
+    float* base = data.data() + first[p] * nch;
+    order.resize(n);
+    std::iota(order.begin(), order.end(), std::size_t(0));
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      const float fa = base[a * nch + fs], fb = base[b * nch + fs];
+      if (fa != fb)
+        return fa < fb;
+      return base[a * nch + bs] < base[b * nch + bs];
+    });
+    sorted.resize(n * nch);
+    for (std::size_t k = 0; k < n; ++k)
+      std::copy_n(base + order[k] * nch, nch, sorted.data() + k * nch);
+    std::copy(sorted.begin(), sorted.end(), base);
+  }
+
+  data_.swap(data);
+  firstSample_.swap(first);
+  std::vector<std::size_t>().swap(stagedPixel_);
+  std::vector<float>().swap(stagedData_);
+}
+
+bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) {
+  if (engineFails_)
+    return false;
+  plane.reset(normalized(box), channels);
+  const Box& b = plane.box();
+  const ChannelMap& map = plane.channels();
+  const std::size_t nm = map.size(), nch = channelList_.size();
+
+  std::vector<int> source(nm, -1);
+  for (std::size_t k = 0; k < nm; ++k) {
+    auto it = std::find(channelList_.begin(), channelList_.end(), map[static_cast<unsigned>(k)]);
+    if (it != channelList_.end())
+      source[k] = static_cast<int>(it - channelList_.begin());
+  }
+
+  Box inside = b;
+  inside.intersect(box_);
+  std::size_t total = 0;
+  for (int y = inside.y(); y < inside.t(); ++y) {
+    const std::size_t row = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w());
+    total += firstSample_[row + static_cast<std::size_t>(inside.r() - box_.x())] -
+             firstSample_[row + static_cast<std::size_t>(inside.x() - box_.x())];
+  }
+  plane.reserveSamples(total);
+
+  for (int y = b.y(); y < b.t(); ++y) {
+    for (int x = b.x(); x < b.r(); ++x) {
+      if (x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t()) {
+        plane.addPixel(0);
+        continue;
+      }
+      const std::size_t p = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+                            static_cast<std::size_t>(x - box_.x());
+      const std::size_t first = firstSample_[p], n = firstSample_[p + 1] - first;
+      float* out = plane.addPixel(n);
+      if (!out)
+        continue;
+      for (std::size_t s = 0; s < n; ++s) {
+        const float* in = data_.data() + (first + s) * nch;
+        for (std::size_t k = 0; k < nm; ++k)
+          out[s * nm + k] = source[k] >= 0 ? in[source[k]] : 0.0f;
+      }
+    }
+  }
+  plane.finish();
+  return true;
+}
+
+}  // namespace host
+}  // namespace Image
+}  // namespace DD

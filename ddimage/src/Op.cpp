@@ -1,0 +1,219 @@
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "DDImage/Hash.h"
+#include "DDImage/Iop.h"
+#include "DDImage/Knob.h"
+#include "DDImage/Knobs.h"
+#include "DDImage/MetaData.h"
+#include "DDImage/Op.h"
+
+namespace DD {
+namespace Image {
+
+namespace {
+
+struct ClassRegistry {
+  std::mutex mutex;
+  std::map<std::string, const Op::Description*> byName;
+};
+
+ClassRegistry& classes() {
+  static ClassRegistry r;
+  return r;
+}
+
+void enroll(const Op::Description* d) {
+  if (!d->name)
+    return;
+  ClassRegistry& r = classes();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  r.byName[d->name] = d;
+}
+
+std::string vformat(const char* fmt, va_list args) {
+  if (!fmt)
+    return std::string();
+  va_list copy;
+  va_copy(copy, args);
+  const int n = std::vsnprintf(nullptr, 0, fmt, copy);
+  va_end(copy);
+  if (n <= 0)
+    return std::string();
+  std::string s(static_cast<std::size_t>(n) + 1, '\0');
+  std::vsnprintf(&s[0], s.size(), fmt, args);
+  s.resize(static_cast<std::size_t>(n));
+  return s;
+}
+
+}  // namespace
+
+// ---- Description ------------------------------------------------------------------------------
+
+Op::Description::Description(const char* n, const char* m, IopConstructor constructor)
+    : name(n), menu(m), iopConstructor_(constructor) {
+  enroll(this);
+}
+
+Op::Description::Description(const char* n, OpConstructor constructor, License*)
+    : name(n), menu(nullptr), opConstructor_(constructor) {
+  enroll(this);
+}
+
+Op* Op::Description::build(Node* node) const {
+  if (iopConstructor_)
+    return iopConstructor_(node);
+  return opConstructor_ ? opConstructor_(node) : nullptr;
+}
+
+const Op::Description* Op::Description::find(const char* n) {
+  if (!n)
+    return nullptr;
+  ClassRegistry& r = classes();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  auto it = r.byName.find(n);
+  return it == r.byName.end() ? nullptr : it->second;
+}
+
+std::vector<std::string> Op::Description::names() {
+  ClassRegistry& r = classes();
+  std::lock_guard<std::mutex> lock(r.mutex);
+  std::vector<std::string> out;
+  for (const auto& kv : r.byName)
+    out.push_back(kv.first);
+  return out;
+}
+
+// ---- Op -----------------------------------------------------------------------------------------
+
+Op::Op(Node* node) : node_(node) {}
+
+Op::~Op() {
+  for (Knob* k : knobs_)
+    delete k;
+}
+
+void Op::inputs(int n) {
+  if (n < 0)
+    n = 0;
+  inputs_.resize(static_cast<std::size_t>(n), nullptr);
+}
+
+Op* Op::input(int n) const {
+  if (n < 0 || n >= inputs())
+    return nullptr;
+  if (Op* op = inputs_[static_cast<std::size_t>(n)])
+    return op;
+  return default_input(n);
+}
+
+Op* Op::node_input(int n, GenerateType) const {
+  if (n < 0 || n >= inputs())
+    return nullptr;
+  return inputs_[static_cast<std::size_t>(n)];
+}
+
+void Op::set_input(int i, Op* op, int, int) {
+  if (i < 0)
+    return;
+  if (i >= inputs()) {
+    if (i >= maximum_inputs())
+      return;
+    inputs_.resize(static_cast<std::size_t>(i) + 1, nullptr);
+  }
+  inputs_[static_cast<std::size_t>(i)] = op;
+}
+
+bool Op::test_input(int, Op* op) const { return op != nullptr; }
+Op* Op::default_input(int) const { return nullptr; }
+const char* Op::input_label(int, char*) const { return ""; }
+
+std::string Op::input_longlabel(int n) const {
+  char buffer[64] = {0};
+  const char* label = input_label(n, buffer);
+  return label ? std::string(label) : std::string();
+}
+
+void Op::append(Hash&) {}
+
+const MetaData::Bundle& Op::_fetchMetaData(const char*) {
+  static const MetaData::Bundle empty;
+  return empty;
+}
+
+void Op::knobs(Knob_Callback) {}
+int Op::knob_changed(Knob*) { return 0; }
+
+Knob* Op::knob(const char* name) const {
+  if (!name || !*name)
+    return nullptr;
+  for (Knob* k : knobs_)
+    if (k->name() == name)
+      return k;
+  return nullptr;
+}
+
+void Op::validate(bool for_real) {
+  if (for_real ? realValid_ : valid_)
+    return;
+  {
+    std::lock_guard<std::mutex> lock(reportMutex_);
+    hasError_ = false;
+    error_.clear();
+    warnings_.clear();
+  }
+  opened_ = false;
+  _validate(for_real);
+  valid_ = true;
+  if (for_real)
+    realValid_ = true;
+}
+
+void Op::open() {
+  validate(true);
+  if (opened_)
+    return;
+  _open();
+  opened_ = true;
+}
+
+void Op::close() {
+  _close();
+  opened_ = false;
+}
+
+bool Op::invalidate() {
+  const bool was = valid_ || realValid_ || opened_;
+  valid_ = realValid_ = opened_ = false;
+  return was;
+}
+
+void Op::_validate(bool) {}
+void Op::_open() {}
+void Op::_close() {}
+
+void Op::error(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string text = vformat(fmt, args);
+  va_end(args);
+  std::lock_guard<std::mutex> lock(reportMutex_);
+  hasError_ = true;
+  error_ = std::move(text);
+}
+
+void Op::warning(const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string text = vformat(fmt, args);
+  va_end(args);
+  std::lock_guard<std::mutex> lock(reportMutex_);
+  warnings_.push_back(std::move(text));
+}
+
+}  // namespace Image
+}  // namespace DD

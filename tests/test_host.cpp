@@ -1,0 +1,5 @@
+#include <gtest/gtest.h>
+
+#include "DDImage/Host.h"
+
+TEST(Host, Builds) { SUCCEED(); }
