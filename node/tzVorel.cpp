@@ -1,0 +1,346 @@
+#include "node/tzVorel.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "DDImage/CameraOp.h"
+#include "DDImage/DeepOp.h"
+#include "DDImage/Interest.h"
+#include "DDImage/Knob.h"
+#include "DDImage/OutputContext.h"
+#include "DDImage/Thread.h"
+#include "engines/DeepRowEngine.h"
+#include "engines/FlatRowEngine.h"
+#include "lens/CircleOfConfusion.h"
+#include "lens/KernelBank.h"
+#include "lens/MasterKernel.h"
+#include "lens/Scan.h"
+#include "node/Panel.h"
+#include "previews/Previews.h"
+
+using namespace DD::Image;
+using namespace vorel;
+
+namespace {
+
+Iop* build(Node* node) {
+  return new tzVorel(node);
+}
+
+// The load banner, printed once when the library is loaded.
+struct Banner {
+  Banner() {
+    std::printf("tzVorel v%s, built on %s at %s\n", versionText(), __DATE__, __TIME__);
+    std::fflush(stdout);
+  }
+} const banner;
+
+const char* const kInputLabels[] = {"Input", "Kernel", "Camera", "Deep Input", "Mattes"};
+
+}  // namespace
+
+const Iop::Description tzVorel::description("tzVorel", "Kestavian/tzVorel", build);
+
+tzVorel::tzVorel(Node* node) : Iop(node) {
+  inputs(5);
+}
+
+tzVorel::~tzVorel() {
+  releaseKernelBank(kernelBank);
+  masterKernel.clear();
+}
+
+const char* tzVorel::Class() const { return description.name; }
+const char* tzVorel::node_help() const { return "Kestavian Labs Vorel"; }
+
+const char* tzVorel::input_label(int input, char*) const {
+  return input >= 0 && input < 5 ? kInputLabels[input] : "";
+}
+
+Op* tzVorel::default_input(int input) const {
+  return input == 0 ? Iop::default_input(0) : nullptr;
+}
+
+bool tzVorel::test_input(int input, Op* op) const {
+  if (!op)
+    return false;
+  switch (input) {
+    case 0: case 1: case 4: return dynamic_cast<Iop*>(op) != nullptr;
+    case 2: return dynamic_cast<CameraOp*>(op) != nullptr;
+    case 3: return dynamic_cast<DeepOp*>(op) != nullptr;
+    default: return false;
+  }
+}
+
+void tzVorel::append(Hash& hash) {
+  hash.append(kVorelVersion[0]);
+  hash.append(kVorelVersion[1]);
+  hash.append(kVorelVersion[2]);
+}
+
+const MetaData::Bundle& tzVorel::_fetchMetaData(const char*) {
+  return params.metadata;
+}
+
+Box tzVorel::formatBox() const {
+  const Format& f = info().format();
+  return Box(f.x(), f.y(), f.r(), f.t());
+}
+
+DeepOp* tzVorel::deepInput() const {
+  return dynamic_cast<DeepOp*>(Op::input(3));
+}
+
+void tzVorel::releaseKernels() {
+  releaseKernelBank(kernelBank);
+  masterKernel.clear();
+  kernelsReady_ = false;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Validation
+
+std::vector<float> vorel::computeSliceBoundaries(const NodeParameters& p) {
+  std::vector<float> boundaries;
+  const int n = p.correctiveSlices;
+  if (n < 2)
+    return boundaries;
+  if (n == 2)
+    return {0.0f, p.focalPlane};
+
+  float nearDepth = p.regionNear >= 0.0f ? p.regionNear : 0.0f;
+  float farDepth = p.regionFar;
+  if (p.overrideNearAndFarForSlices) {
+    nearDepth = std::min(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
+    farDepth = std::max(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
+  }
+  const float step = (farDepth - nearDepth) / static_cast<float>(n);
+  boundaries.reserve(n);
+  boundaries.push_back(0.0f);
+  for (int i = 1; i < n; ++i)
+    boundaries.push_back(nearDepth + static_cast<float>(i) * step);
+  return boundaries;
+}
+
+void tzVorel::_validate(bool for_real) {
+  useBloomMatte = useDefocusMatte = useChromaticMatte = false;
+  matteChannels.clear();
+
+  if (!node_input(1) && params.kernelType == KernelInput)
+    error("No input kernel connected!");
+
+  if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2))) {
+    params.focalLength = static_cast<float>(camera->focal_length());
+    params.focalPlane = static_cast<float>(camera->focal_point());
+    params.fStop = static_cast<float>(camera->fstop());
+    params.apertureWidth = static_cast<float>(camera->film_width());
+    params.apertureHeight = static_cast<float>(camera->film_height());
+  }
+
+  copy_info();
+
+  if (node_input(0))
+    input(0)->validate(for_real);
+  if (node_input(1))
+    input(1)->validate(for_real);
+
+  if (node_input(4)) {
+    input(4)->validate(for_real);
+    if (params.bloomMatteChannel != Chan_Black) {
+      matteChannels += params.bloomMatteChannel;
+      useBloomMatte = true;
+    }
+    if (params.defocusMatteChannel != Chan_Black) {
+      matteChannels += params.defocusMatteChannel;
+      useDefocusMatte = true;
+    }
+    if (params.chromicAberrationMatteChannel != Chan_Black) {
+      matteChannels += params.chromicAberrationMatteChannel;
+      useChromaticMatte = true;
+    }
+  }
+
+  params.hasDeepInput = false;
+  if (DeepOp* deep = deepInput()) {
+    params.hasDeepInput = true;
+    deep->validate(true);
+  }
+
+  const int m = params.max_kernelsize;
+  if (params.expandBBoxToMaxKernelSize)
+    info_.clipmove(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
+
+  if (for_real) {
+    // The host's output context starts with its proxy scale; every CoC is multiplied by it.
+    float uiScale;
+    std::memcpy(&uiScale, &uiContext(), sizeof uiScale);
+    const Format& full = info_.full_size_format();
+    deriveLensValues(params, full.width(), full.height(), uiScale);
+    sliceBoundaries = computeSliceBoundaries(params);
+  }
+
+  maxCoC = m;
+  kernelRadius = (m - m % 2 + 1) / 2;
+
+  releaseKernels();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Request and open
+
+void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int count) {
+  const int K = kernelRadius;
+  const Box padded(x - K, y - K, r + K, t + K);
+
+  if (node_input(0)) {
+    ChannelSet wanted = channels;
+    wanted += params.vorelChannels;
+    wanted += params.depthChannel;
+    wanted += Chan_Alpha;
+    input(0)->request(padded, wanted, count);
+  }
+  if (node_input(1)) {
+    Iop* kernelImage = input(1);
+    const Box& box = kernelImage->info().box();
+    kernelImage->request(box.x(), box.y(), box.r(), box.t(), params.vorelChannels, count);
+  }
+  if (node_input(4))
+    input(4)->request(padded, matteChannels, count);
+  if (Op::input(3) && params.hasDeepInput) {
+    ChannelSet deepChannels = channels;
+    deepChannels += params.vorelChannels;
+    deepChannels -= Chan_Z;
+    deepChannels += Chan_Alpha;
+    deepChannels += Chan_DeepFront;
+    deepChannels += Chan_DeepBack;
+    if (DeepOp* deep = deepInput()) {
+      if (!deep->op()->real_valid())
+        deep->op()->validate(true);
+      deepChannels &= deep->deepInfo().channels();
+      deep->deepRequest(padded, deepChannels, count);
+    }
+  }
+
+  releaseKernels();
+}
+
+void tzVorel::_open() {
+  switch (params.outputType) {
+    case OutputFilterShape:
+      buildMasterKernel(masterKernel, params, formatBox(), input(1), true);
+      break;
+    case OutputDefocusedImage:
+    case OutputLensBloom:
+      buildMasterKernel(masterKernel, params, formatBox(), input(1), false);
+      scanMaxCoC(*this);
+      releaseKernelBank(kernelBank);
+      kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
+      Thread::spawn(kernelBankThread, Thread::numCPUs, this);
+      Thread::wait(this);
+      break;
+    default:
+      break;
+  }
+  kernelsReady_ = true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rows
+
+namespace {
+
+// Rows asked of a node without its kernels (or with an unknown output type): the effect's
+// channels are 0 and everything else is the input, rather than reading kernels that don't exist.
+void unrenderedRow(Iop& input, int y, int x, int r, const ChannelSet& channels,
+                   const ChannelSet& vorelChannels, Row& row) {
+  Row inRow(x, r);
+  inRow.get(input, y, x, r, channels);
+  row.copy(inRow, channels, x, r);
+  foreach (z, channels) {
+    if (!vorelChannels.contains(z))
+      continue;
+    float* out = row.writable(z);
+    std::fill(out + x, out + r, 0.0f);
+  }
+}
+
+}  // namespace
+
+void tzVorel::engine(int y, int x, int r, ChannelMask channels, Row& row) {
+  ChannelSet fetchChannels = channels;
+  fetchChannels += params.vorelChannels;
+  fetchChannels += params.depthChannel;
+  fetchChannels += Chan_Alpha;
+
+  if (aborted())
+    return;
+
+  Iop& source = *input(0);
+  Interest interest(source, fetchChannels, false, nullptr);
+
+  const bool needsBank = params.outputType == OutputDefocusedImage || params.outputType == OutputLensBloom;
+  const bool known = params.outputType >= OutputDefocusedImage && params.outputType <= OutputFocusMatte;
+  if (!known || (needsBank && (!kernelsReady_ || kernelBank.empty())) ||
+      (params.outputType == OutputFilterShape && !kernelsReady_)) {
+    unrenderedRow(source, y, x, r, channels, params.vorelChannels, row);
+    return;
+  }
+
+  switch (params.outputType) {
+    case OutputFocalDistance:
+    case OutputFocusMatte:
+      if (params.hasDeepInput)
+        deepPreviewRow(*this, y, x, r, channels, row);
+      else
+        flatPreviewRow(*this, y, x, r, channels, row);
+      return;
+    case OutputFilterShape:
+      filterShapeRow(*this, y, x, r, channels, row);
+      return;
+    default:
+      break;
+  }
+
+  if (!params.hasDeepInput) {
+    flatRowEngine(*this, y, x, r, channels, row);
+    return;
+  }
+
+  Row inRow(x, r);
+  inRow.get(source, y, x, r, channels);
+  row.copy(inRow, channels, x, r);
+
+  if (!params.integrateFrontAndBackSeperately) {
+    deepRowEngine(*this, y, x, r, channels, row, DepthSideNone);
+    return;
+  }
+
+  const int focusOutput = params.focusOutput;
+  // The composite reads the front pass's alpha, so that pass computes alpha even when the
+  // request has none.
+  ChannelSet frontChannels = channels;
+  frontChannels += Chan_Alpha;
+  Row frontRow(x, r);
+  if (focusOutput != FocusBack)
+    deepRowEngine(*this, y, x, r, frontChannels, frontRow, DepthSideFront);
+  Row backRow(x, r);
+  if (focusOutput != FocusFront)
+    deepRowEngine(*this, y, x, r, channels, backRow, DepthSideBack);
+
+  const float* frontAlpha = frontRow[Chan_Alpha];
+  foreach (z, channels) {
+    if (!params.vorelChannels.contains(z))
+      continue;
+    float* out = row.writable(z);
+    const float* front = frontRow[z];
+    const float* back = backRow[z];
+    for (int i = x; i < r; ++i) {
+      out[i] = 0.0f;
+      if (focusOutput != FocusFront)
+        out[i] = back[i];
+      if (focusOutput != FocusBack)
+        out[i] = (1.0f - frontAlpha[i]) * out[i] + front[i];
+    }
+  }
+}

@@ -1,0 +1,189 @@
+// Depth to circle of confusion, slice boundaries: the numbers every engine and preview inherit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "lens/CircleOfConfusion.h"
+#include "node/tzVorel.h"
+
+using namespace vorel;
+
+namespace {
+
+NodeParameters derived(NodeParameters p = {}, int w = 2048, int h = 1556) {
+  deriveLensValues(p, w, h, 1.0f);
+  return p;
+}
+
+float coc(const NodeParameters& p, float depth, DepthSide* sideOut = nullptr, int maxCoC = 256) {
+  DepthSide side;
+  const float c = depthToCoC(p, maxCoC, depth, side);
+  if (sideOut)
+    *sideOut = side;
+  return c;
+}
+
+// What the flat engines and previews do before depthToCoC.
+float flatDepth(const NodeParameters& p, float sample) {
+  const float d = conditionFlatDepth(p, sample);
+  return p.realWorldLens ? d : clampToRegion(p, d);
+}
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
+
+}  // namespace
+
+TEST(DerivedLensValues, DefaultNodeOn2KFormat) {
+  const NodeParameters p = derived();
+  EXPECT_NEAR(p.pixelsPerMillimetre, 95.15f, 0.01f);
+  EXPECT_FLOAT_EQ(p.inverseHalfRegion, 2.0f);
+  EXPECT_FLOAT_EQ(p.regionNear, 99.5f);
+  EXPECT_FLOAT_EQ(p.regionFar, 100.5f);
+  // focalPlane 100 counts in centimetres: the focus distance is 1000 mm.
+  EXPECT_NEAR(p.lensConstant, 35.0f / 965.0f * 35.0f / 6.0f, 1e-6f);
+  EXPECT_FLOAT_EQ(p.uiScale, 1.0f);
+}
+
+TEST(ArtisticModel, RampAcrossTheRegionAndSides) {
+  NodeParameters p;
+  p.multiplier = 8.0f;
+  p.frontmultiplier = 2.0f;
+  p.backmultiplier = 3.0f;
+  p = derived(p);
+
+  DepthSide side;
+  EXPECT_EQ(coc(p, 100.0f, &side), 0.0f);
+  EXPECT_EQ(side, DepthSideBack);
+  EXPECT_FLOAT_EQ(coc(p, 100.25f, &side), 0.5f * 8.0f * 3.0f);
+  EXPECT_EQ(side, DepthSideBack);
+  EXPECT_FLOAT_EQ(coc(p, 99.75f, &side), 0.5f * 8.0f * 2.0f);
+  EXPECT_EQ(side, DepthSideFront);
+
+  // Beyond the region the flat paths clamp, so the CoC stays at the edge's value.
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, 5000.0f)), 8.0f * 3.0f);
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, -5000.0f)), 8.0f * 2.0f);
+
+  p.focusRegionFalloff = 1;
+  EXPECT_FLOAT_EQ(coc(p, 100.25f), 0.25f * 8.0f * 3.0f);
+}
+
+TEST(ArtisticModel, UiScaleMultipliesEverythingIncludingTheNearInfiniteRule) {
+  NodeParameters p = derived();
+  p.uiScale = 0.5f;
+  EXPECT_FLOAT_EQ(coc(p, 101.0f), 0.5f);
+  // Unclamped far limit (the deep scan's road): maxCoC, scaled.
+  EXPECT_FLOAT_EQ(coc(p, kFarLimit, nullptr, 40), 20.0f);
+}
+
+TEST(ArtisticModel, ZeroSizeRegionIsInFocus) {
+  NodeParameters p;
+  p.focusRegionSize = 0.0f;
+  p = derived(p);
+  ASSERT_TRUE(std::isinf(p.inverseHalfRegion));
+  // Every flat depth is clamped onto the focal plane: 0 * infinity, which counts as in focus.
+  EXPECT_EQ(coc(p, flatDepth(p, 10.0f)), 0.0f);
+  EXPECT_EQ(coc(p, flatDepth(p, 1000.0f)), 0.0f);
+}
+
+TEST(FlatConditioning, NonFiniteAndInverseDepth) {
+  NodeParameters p = derived();
+  DepthSide side;
+  // Artistic: the far limit clamps to regionFar, side back.
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, kInf), &side), 1.0f);
+  EXPECT_EQ(side, DepthSideBack);
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, kNaN), &side), 1.0f);
+  EXPECT_EQ(side, DepthSideBack);
+
+  p.depthStyle = 1;
+  EXPECT_EQ(conditionFlatDepth(p, 0.0f), kFarLimit);
+  EXPECT_EQ(conditionFlatDepth(p, -2.0f), kFarLimit);
+  EXPECT_FLOAT_EQ(conditionFlatDepth(p, 4.0f), 0.25f);
+  // The non-finite test comes first: infinity becomes the far limit, then its inverse.
+  EXPECT_FLOAT_EQ(conditionFlatDepth(p, kInf), 1.0f / kFarLimit);
+}
+
+TEST(RealLensModel, ThinLensNumbers) {
+  NodeParameters p;
+  p.realWorldLens = true;
+  p = derived(p);
+  EXPECT_NEAR(coc(p, 200.0f), 10.07f, 0.01f);
+  EXPECT_NEAR(coc(p, 50.0f), 20.13f, 0.01f);
+
+  DepthSide side;
+  EXPECT_EQ(coc(p, 100.0f, &side), 0.0f);
+  EXPECT_EQ(side, DepthSideBack);
+  // Depth 0 divides by zero in the near form: not finite, so 0.
+  EXPECT_EQ(coc(p, 0.0f, &side), 0.0f);
+  EXPECT_EQ(side, DepthSideFront);
+  EXPECT_LT(coc(p, -10.0f, &side), 0.0f);
+  EXPECT_EQ(side, DepthSideFront);
+}
+
+TEST(RealLensModel, FarLimitTakesMaxCoCWithoutSideFactor) {
+  NodeParameters p;
+  p.realWorldLens = true;
+  p.backmultiplier = 7.0f;
+  p = derived(p);
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, kInf), nullptr, 64), 64.0f);
+  EXPECT_FLOAT_EQ(coc(p, flatDepth(p, kNaN), nullptr, 64), 64.0f);
+  // Only the far limit itself meets the rule, never an infinity passed straight in.
+  EXPECT_NE(coc(p, kInf, nullptr, 64), 64.0f);
+}
+
+TEST(RealLensModel, FocusAtTheFocalLengthGivesNoBlur) {
+  NodeParameters p;
+  p.realWorldLens = true;
+  p.worldScale = ScaleMM;
+  p.focalPlane = 35.0f;
+  p = derived(p);
+  EXPECT_TRUE(std::isinf(p.lensConstant));
+  EXPECT_EQ(coc(p, 200.0f), 0.0f);
+  EXPECT_EQ(coc(p, 10.0f), 0.0f);
+  EXPECT_EQ(coc(p, kFarLimit, nullptr, 12), 12.0f);
+}
+
+TEST(RegionClamp, CrossedLimitsFavourTheFarOne) {
+  NodeParameters p;
+  p.regionNear = 10.0f;
+  p.regionFar = 5.0f;
+  EXPECT_EQ(clampToRegion(p, 0.0f), 5.0f);
+  EXPECT_EQ(clampToRegion(p, 20.0f), 5.0f);
+}
+
+TEST(SliceBoundaries, CountsRangesAndOverride) {
+  NodeParameters p = derived();
+  std::vector<float> b = computeSliceBoundaries(p);
+  ASSERT_EQ(b.size(), 10u);
+  EXPECT_EQ(b[0], 0.0f);
+  for (int i = 1; i < 10; ++i)
+    EXPECT_NEAR(b[i], 99.5f + 0.1f * i, 1e-4f) << i;
+
+  p.correctiveSlices = 1;
+  EXPECT_TRUE(computeSliceBoundaries(p).empty());
+
+  p.correctiveSlices = 2;
+  p.overrideNearAndFarForSlices = true;
+  p.depthSlicesNearAndFar[0] = 50.0f;
+  p.depthSlicesNearAndFar[1] = 10.0f;
+  EXPECT_EQ(computeSliceBoundaries(p), (std::vector<float>{0.0f, 100.0f}));
+
+  p.correctiveSlices = 3;
+  b = computeSliceBoundaries(p);
+  ASSERT_EQ(b.size(), 3u);
+  EXPECT_EQ(b[0], 0.0f);
+  EXPECT_NEAR(b[1], 23.333f, 1e-3f);
+  EXPECT_NEAR(b[2], 36.667f, 1e-3f);
+}
+
+TEST(SliceBoundaries, NegativeNearStartsAtZero) {
+  NodeParameters p;
+  p.focalPlane = 0.25f;
+  p.correctiveSlices = 4;
+  p = derived(p);
+  EXPECT_FLOAT_EQ(p.regionNear, -0.25f);
+  const std::vector<float> b = computeSliceBoundaries(p);
+  ASSERT_EQ(b.size(), 4u);
+  EXPECT_FLOAT_EQ(b[1], 0.1875f);  // (0.75 - 0) / 4
+}
