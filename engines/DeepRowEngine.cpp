@@ -1,4 +1,195 @@
 #include "engines/DeepRowEngine.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "DDImage/Box.h"
+#include "DDImage/Channel.h"
+#include "DDImage/DeepOp.h"
+#include "DDImage/DeepPixel.h"
+#include "DDImage/DeepPlane.h"
+#include "DDImage/Iop.h"
+#include "engines/DeepSamples.h"
+#include "engines/Slices.h"
+#include "engines/Splat.h"
+#include "lens/CircleOfConfusion.h"
+#include "node/tzVorel.h"
+
+using namespace DD::Image;
+
 namespace vorel {
-void deepRowEngine(const tzVorel&, int, int, int, const DD::Image::ChannelSet&, DD::Image::Row&, int) {}
-}  // namespace vorel // STUB
+
+namespace {
+
+// The walk through a pixel stops once less than this is left uncovered.
+constexpr float kOpaque = 1e-6f;
+
+// max(value, 1.0) that also turns a NaN (from a NaN matte) into the smallest kernel.
+float atLeastOne(float value) { return value > 1.0f ? value : 1.0f; }
+
+int clampTo(int value, int last) { return std::max(0, std::min(last, value)); }
+
+// A set as a plain list, so the pixel loops don't walk the set's bit words.
+void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
+  list.clear();
+  foreach (c, set)
+    list.push_back(c);
+}
+
+}  // namespace
+
+void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row,
+                   int side) {
+  const NodeParameters& p = node.params;
+  Iop* input = node.input(0);
+
+  ChannelSet workChannels = channels;
+  workChannels &= p.vorelChannels;
+  workChannels += Chan_Alpha;
+
+  // Channels outside vorelChannels come out as the input; the merge overwrites the others.
+  if (input) {
+    Row inputRow(x, r);
+    inputRow.get(*input, y, x, r, channels);
+    row.copy(inputRow, channels, x, r);
+  }
+
+  SliceAccumulators slices(p.correctiveSlices, x, r, p.vorelChannels);
+  const ChannelPlanes* colourPlanes = slices.colourPlanes.data();
+  const ChannelPlanes* weightPlanes = slices.weightPlanes.data();
+
+  const int radius = node.kernelRadius;
+  const int paddedLeft = x - radius;
+  const int paddedRight = r + radius;
+  const int paddedBottom = y - radius;
+  const int paddedTop = y + radius;
+
+  DeepOp* deep = node.deepInput();
+  if (deep && input) {
+    const Channel sampleDepthChannel =
+        p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
+    ChannelSet deepChannels = deep->deepInfo().channels();
+    deepChannels &= workChannels;
+    deepChannels -= Chan_Z;
+    deepChannels += Chan_Alpha;
+    deepChannels += Chan_DeepFront;
+    deepChannels += Chan_DeepBack;
+
+    // The far limit is what no piece covers: transparent black at the background's blur.
+    float farDepth = kFarLimit;
+    if (!p.realWorldLens)
+      farDepth = clampToRegion(p, farDepth);
+    const unsigned backgroundSlice = sliceForDepth(p.correctiveSlices, node.sliceBoundaries, farDepth);
+    DepthSide farSide;
+    const float backgroundCoC = atLeastOne(depthToCoC(p, node.maxCoC, farDepth, farSide));
+
+    const Box format = node.formatBox();
+    const int fw = format.r() - format.x();
+    const int fh = format.t() - format.y();
+
+    Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
+
+    std::vector<Channel> requested, pieceList;
+    listChannels(channels, requested);
+    pieceList.reserve(requested.size() + 1);
+    std::array<const float*, 1024> inputPlanes{};
+    std::array<float, 1024> colours{};
+    DeepOutPixel pieces;
+    pieces.reserve(64);
+    DeepPlane plane;
+    // Both rows are refilled over their whole span for every source row.
+    Row paddedInput(paddedLeft, paddedRight);
+    Row paddedMattes(paddedLeft, paddedRight);
+
+    for (int sourceY = paddedBottom; sourceY <= paddedTop; ++sourceY) {
+      const int pixelY = clampTo(sourceY, fh - 1);
+      const int fetchLeft = std::max(0, std::min(fw, paddedLeft));
+      const int fetchRight = std::max(0, std::min(fw, paddedRight));
+
+      paddedInput.get(*input, pixelY, paddedLeft, paddedRight, channels);
+      if (matteInput)
+        paddedMattes.get(*matteInput, pixelY, paddedLeft, paddedRight, node.matteChannels);
+
+      if (!deep->deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels, plane))
+        continue;
+
+      const Box planeBox = plane.box();
+      const ChannelMap& planeMap = plane.channels();
+      const ChannelSet planeChannels = planeMap.channelSet();
+      // The pieces are laid out by the plane's map, so their channels are the plane's.
+      ChannelSet pieceChannels = planeChannels;
+      pieceChannels &= workChannels;
+      listChannels(pieceChannels, pieceList);
+      for (const Channel c : requested)
+        inputPlanes[c] = paddedInput[c];
+
+      const float* bloomMattes = node.useBloomMatte ? paddedMattes[p.bloomMatteChannel] : nullptr;
+      const float* defocusMattes =
+          node.useDefocusMatte ? paddedMattes[p.defocusMatteChannel] : nullptr;
+      const float* chromaticMattes =
+          node.useChromaticMatte ? paddedMattes[p.chromicAberrationMatteChannel] : nullptr;
+
+      for (int sourceX = paddedLeft; sourceX < paddedRight; ++sourceX) {
+        const int pixelX = clampTo(sourceX, fw - 1);
+        if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() ||
+            pixelY >= planeBox.t())
+          continue;
+        // Only a plane wider than asked for could hold a column the padded rows lack.
+        if (pixelX < paddedLeft || pixelX >= paddedRight)
+          continue;
+
+        const float bloomMatte = bloomMattes ? bloomMattes[sourceX] : 1.0f;
+        const float defocusMatte = defocusMattes ? defocusMattes[sourceX] : 1.0f;
+        const float chromaticMatte = chromaticMattes ? chromaticMattes[sourceX] : 1.0f;
+
+        // Channels the deep pixel lacks are spread with the flat input's value.
+        for (const Channel c : requested)
+          colours[c] = inputPlanes[c][pixelX];
+
+        pieces.clear();
+        prepareDeepSamples(planeChannels, plane.getPixel(pixelY, pixelX), pieces);
+        const DeepPixel pieceView = pieces.getPixel(planeMap, DeepPixel::eZDescending);
+        const std::size_t pieceCount = pieceView.getSampleCount();
+
+        // Held as one minus a running sum, so that the weights and the remainder add up to 1.
+        float transmittance = 1.0f;
+        float coveredAlpha = 0.0f;
+        for (std::size_t i = 0; i < pieceCount; ++i) {
+          float depth = pieceView.getOrderedSample(i, sampleDepthChannel);
+          const float alpha = pieceView.getOrderedSample(i, Chan_Alpha);
+          // Un-premultiplied: the weight alone carries the coverage.
+          for (const Channel c : pieceList)
+            colours[c] = pieceView.getOrderedSample(i, c) / alpha;
+          const float weight = alpha * transmittance;
+          if (!p.realWorldLens)
+            depth = clampToRegion(p, depth);
+          const unsigned slice = sliceForDepth(p.correctiveSlices, node.sliceBoundaries, depth);
+          DepthSide pieceSide;
+          const float coc = atLeastOne(depthToCoC(p, node.maxCoC, depth, pieceSide) * defocusMatte);
+          if (side != 0 && side != pieceSide)
+            continue;
+          splatPixel(node, pixelX, pixelY, x, y, r, sourceX, sourceY, coc, slice, weight,
+                     colours.data(), colourPlanes, weightPlanes, channels, bloomMatte,
+                     chromaticMatte);
+          coveredAlpha += weight;
+          transmittance = 1.0f - coveredAlpha;
+          if (kOpaque > transmittance)
+            break;
+        }
+
+        if (1.0f > coveredAlpha) {
+          for (const Channel c : requested)
+            colours[c] = 0.0f;
+          splatPixel(node, pixelX, pixelY, x, y, r, sourceX, sourceY, backgroundCoC,
+                     backgroundSlice, 1.0f - coveredAlpha, colours.data(), colourPlanes,
+                     weightPlanes, channels, 0.0f, 1.0f);
+        }
+      }
+    }
+  }
+
+  mergeSlices(slices, row, x, r, channels, p.vorelChannels);
+}
+
+}  // namespace vorel
