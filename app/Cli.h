@@ -1,0 +1,13 @@
+#pragma once
+// The command line of vorel: parses, runs, and turns every failure into one line on `err` and an
+// exit status (0 done, 1 the render failed, 2 the command line asked for something impossible).
+
+#include <ostream>
+
+namespace vorelapp {
+
+// `errIsTerminal` turns the progress bar on (unless --quiet).
+int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
+              bool errIsTerminal);
+
+}  // namespace vorelapp

@@ -1,0 +1,516 @@
+#include "app/ImageFiles.h"
+
+#include <OpenImageIO/deepdata.h>
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
+#include <OpenImageIO/imageio.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cfloat>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <system_error>
+
+#include "app/AppError.h"
+
+namespace fs = std::filesystem;
+using OIIO::ImageSpec;
+using OIIO::TypeDesc;
+
+namespace vorelapp {
+
+namespace {
+
+// Host row of a file row, and back: the flip about the display window.
+int flipY(const Rect& format, int y) {
+  return format.y + format.t - 1 - y;
+}
+
+Rect displayWindow(const ImageSpec& spec) {
+  return {spec.full_x, spec.full_y, spec.full_x + spec.full_width, spec.full_y + spec.full_height};
+}
+
+// The data window in host coordinates.
+Rect dataWindow(const ImageSpec& spec, const Rect& format) {
+  const int fileTop = spec.y, fileBottom = spec.y + spec.height;  // half open, y down
+  return {spec.x, flipY(format, fileBottom - 1), spec.x + spec.width, flipY(format, fileTop) + 1};
+}
+
+std::string oiioError(const std::string& fallback) {
+  std::string e = OIIO::geterror();
+  if (e.empty())
+    e = fallback;
+  std::replace(e.begin(), e.end(), '\n', ' ');
+  while (!e.empty() && e.back() == ' ')
+    e.pop_back();
+  return e;
+}
+
+template <class T>
+std::string inputError(T& in) {
+  std::string e = in.geterror();
+  std::replace(e.begin(), e.end(), '\n', ' ');
+  return e.empty() ? oiioError("unknown error") : e;
+}
+
+std::unique_ptr<OIIO::ImageInput> openInput(const std::string& path) {
+  std::error_code ec;
+  if (!fs::exists(path, ec))
+    throw UsageError("no such file: " + path);
+  if (fs::is_directory(path, ec))
+    throw UsageError(path + " is a directory, not an image");
+  auto in = OIIO::ImageInput::open(path);
+  if (!in)
+    throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  const ImageSpec& spec = in->spec();
+  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || spec.depth > 1)
+    throw UsageError("cannot read " + path + ": not a 2D image with channels");
+  return in;
+}
+
+float sanitize(float v, std::size_t& nans) {
+  if (std::isnan(v)) {
+    ++nans;
+    return 0.0f;
+  }
+  return v;
+}
+
+std::string lower(std::string s) {
+  for (char& c : s)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The temporary file being written, if any, for the signal handler. A plain buffer: the handler
+// may only call async-signal-safe functions.
+char g_pendingTemp[4096];
+volatile std::sig_atomic_t g_hasPendingTemp = 0;
+
+extern "C" void removePendingTempAndDie(int sig) {
+  if (g_hasPendingTemp)
+    ::unlink(g_pendingTemp);
+  std::signal(sig, SIG_DFL);
+  std::raise(sig);
+}
+
+// Writes through a temporary file beside the final path and renames it into place when done.
+class TemporaryFile {
+public:
+  explicit TemporaryFile(const std::string& finalPath) : final_(finalPath) {
+    fs::path p(finalPath);
+    fs::path dir = p.parent_path();
+    temp_ = (dir / ("." + p.filename().string() + ".vorel-" + std::to_string(::getpid()) + ".tmp"))
+                .string();
+    if (temp_.size() < sizeof g_pendingTemp) {
+      std::memcpy(g_pendingTemp, temp_.c_str(), temp_.size() + 1);
+      g_hasPendingTemp = 1;
+    }
+  }
+  ~TemporaryFile() {
+    g_hasPendingTemp = 0;
+    if (!committed_) {
+      std::error_code ec;
+      fs::remove(temp_, ec);
+    }
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+  const std::string& path() const { return temp_; }
+
+  void commit() {
+    std::error_code ec;
+    fs::rename(temp_, final_, ec);
+    if (ec)
+      throw RenderError("cannot write " + final_ + ": " + ec.message());
+    committed_ = true;
+    g_hasPendingTemp = 0;
+  }
+
+private:
+  std::string final_, temp_;
+  bool committed_ = false;
+};
+
+std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
+  auto out = OIIO::ImageOutput::create(finalPath);
+  if (!out)
+    throw RenderError("cannot write " + finalPath + ": " + oiioError("unsupported file type"));
+  return out;
+}
+
+void checkDirectory(const std::string& path) {
+  fs::path dir = fs::path(path).parent_path();
+  std::error_code ec;
+  if (!dir.empty() && !fs::is_directory(dir, ec))
+    throw RenderError("cannot write " + path + ": no directory " + dir.string());
+}
+
+}  // namespace
+
+void FlatImage::allocate() {
+  planes.assign(channels.size(), std::vector<float>(std::size_t(std::max(0, box.w())) *
+                                                    std::size_t(std::max(0, box.h())), 0.0f));
+}
+
+int FlatImage::channelIndex(const std::string& name) const {
+  for (std::size_t i = 0; i < channels.size(); ++i)
+    if (channels[i] == name)
+      return int(i);
+  return -1;
+}
+
+int DeepImage::channelIndex(const std::string& name) const {
+  for (std::size_t i = 0; i < channels.size(); ++i)
+    if (channels[i] == name)
+      return int(i);
+  return -1;
+}
+
+bool isDeepFile(const std::string& path) {
+  auto in = openInput(path);
+  return in->spec().deep;
+}
+
+FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
+  auto in = openInput(path);
+  const ImageSpec spec = in->spec();
+  if (spec.deep)
+    throw UsageError(path + " is a deep image; give it with --deep");
+
+  FlatImage image;
+  image.format = displayWindow(spec);
+  image.box = dataWindow(spec, image.format);
+  image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
+  for (std::size_t c = 0; c < image.channels.size(); ++c)
+    if (image.channels[c].empty())
+      image.channels[c] = "channel" + std::to_string(c);
+  image.allocate();
+
+  const int nch = spec.nchannels;
+  const std::size_t w = std::size_t(spec.width);
+  std::size_t nans = 0;
+  auto scatter = [&](const float* src, int fileY0, int fileY1) {
+    for (int fy = fileY0; fy < fileY1; ++fy) {
+      const int y = flipY(image.format, fy);
+      const float* line = src + std::size_t(fy - fileY0) * w * nch;
+      for (int c = 0; c < nch; ++c) {
+        float* dst = image.row(c, y);
+        for (std::size_t i = 0; i < w; ++i)
+          dst[i] = sanitize(line[i * nch + c], nans);
+      }
+    }
+  };
+
+  bool ok = true;
+  if (spec.tile_width == 0) {
+    // Scanline files are read in bands, to keep only the planes in memory.
+    const int band = 64;
+    std::vector<float> buffer(w * nch * band);
+    for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
+      const int end = std::min(fy + band, spec.y + spec.height);
+      ok = in->read_scanlines(0, 0, fy, end, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+      if (ok)
+        scatter(buffer.data(), fy, end);
+    }
+  } else {
+    std::vector<float> buffer(w * std::size_t(spec.height) * nch);
+    ok = in->read_image(0, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+    if (ok)
+      scatter(buffer.data(), spec.y, spec.y + spec.height);
+  }
+  if (!ok)
+    throw RenderError("cannot read " + path + ": " + inputError(*in));
+  if (nanCount)
+    *nanCount = nans;
+  return image;
+}
+
+DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
+  auto in = openInput(path);
+  const ImageSpec spec = in->spec();
+  if (!spec.deep)
+    throw UsageError(path + " is not a deep image");
+
+  DeepImage image;
+  image.format = displayWindow(spec);
+  image.box = dataWindow(spec, image.format);
+  image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
+  if (image.channelIndex("Z") < 0)
+    throw UsageError("deep image " + path + " has no Z channel");
+
+  OIIO::DeepData dd;
+  if (!in->read_native_deep_image(0, 0, dd))
+    throw RenderError("cannot read " + path + ": " + inputError(*in));
+
+  const int nch = spec.nchannels;
+  const int w = spec.width, h = spec.height;
+  image.offsets.assign(std::size_t(w) * h + 1, 0);
+  // Host pixel order differs from the file's by the row flip.
+  for (int y = image.box.y; y < image.box.t; ++y) {
+    const int fileRow = flipY(image.format, y) - spec.y;
+    for (int x = 0; x < w; ++x) {
+      const std::int64_t p = std::int64_t(fileRow) * w + x;
+      image.offsets[image.pixelIndex(image.box.x + x, y) + 1] = std::size_t(dd.samples(p));
+    }
+  }
+  std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
+  image.samples.resize(image.offsets.back() * nch);
+
+  std::size_t nans = 0;
+  for (int y = image.box.y; y < image.box.t; ++y) {
+    const int fileRow = flipY(image.format, y) - spec.y;
+    for (int x = 0; x < w; ++x) {
+      const std::int64_t p = std::int64_t(fileRow) * w + x;
+      const std::size_t first = image.offsets[image.pixelIndex(image.box.x + x, y)];
+      const int n = dd.samples(p);
+      for (int s = 0; s < n; ++s)
+        for (int c = 0; c < nch; ++c)
+          image.samples[(first + s) * nch + c] = sanitize(dd.deep_value(p, c, s), nans);
+    }
+  }
+  if (nanCount)
+    *nanCount = nans;
+  return image;
+}
+
+FlatImage flattenDeep(const DeepImage& deep) {
+  const int zc = deep.channelIndex("Z");
+  const int zbc = deep.channelIndex("ZBack");
+  const int ac = deep.channelIndex("A");
+  const std::size_t nch = deep.channels.size();
+
+  FlatImage flat;
+  flat.format = deep.format;
+  flat.box = deep.box;
+  std::vector<int> from;  // deep channel of each flat channel but the last
+  for (std::size_t c = 0; c < nch; ++c)
+    if (int(c) != zc && int(c) != zbc) {
+      flat.channels.push_back(deep.channels[c]);
+      from.push_back(int(c));
+    }
+  flat.channels.push_back("Z");
+  const std::size_t depthPlane = flat.channels.size() - 1;
+  flat.allocate();
+
+  std::vector<std::size_t> order;
+  for (int y = deep.box.y; y < deep.box.t; ++y) {
+    for (int x = deep.box.x; x < deep.box.r; ++x) {
+      const std::size_t i = std::size_t(x - deep.box.x);
+      const std::size_t n = deep.sampleCount(x, y);
+      if (n == 0) {
+        flat.row(int(depthPlane), y)[i] = FLT_MAX;
+        continue;
+      }
+      auto front = [&](std::size_t s) { return deep.sample(x, y, s)[zc]; };
+      auto back = [&](std::size_t s) {
+        return zbc >= 0 ? deep.sample(x, y, s)[zbc] : deep.sample(x, y, s)[zc];
+      };
+      order.resize(n);
+      std::iota(order.begin(), order.end(), std::size_t(0));
+      std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        if (front(a) != front(b))
+          return front(a) < front(b);
+        return back(a) < back(b);
+      });
+      float coverage = 0.0f;  // alpha of what lies in front
+      for (std::size_t s : order) {
+        const float* v = deep.sample(x, y, s);
+        const float transparency = 1.0f - coverage;
+        for (std::size_t k = 0; k < from.size(); ++k)
+          flat.row(int(k), y)[i] += v[from[k]] * transparency;
+        coverage += (ac >= 0 ? v[ac] : 1.0f) * transparency;
+      }
+      flat.row(int(depthPlane), y)[i] = front(order.front());
+    }
+  }
+  return flat;
+}
+
+FileKind fileKindFor(const std::string& path) {
+  const std::string ext = lower(fs::path(path).extension().string());
+  if (ext == ".exr")
+    return FileKind::Exr;
+  if (ext == ".png" || ext == ".jpg" || ext == ".jpeg" || ext == ".tif" || ext == ".tiff")
+    return FileKind::Display;
+  return FileKind::Unknown;
+}
+
+void writeExr(const std::string& path, const FlatImage& image) {
+  checkDirectory(path);
+  auto out = createOutput(path);
+  const int nch = int(image.channels.size());
+  ImageSpec spec(std::max(1, image.box.w()), std::max(1, image.box.h()), nch, TypeDesc::FLOAT);
+  spec.full_x = image.format.x;
+  spec.full_y = image.format.y;
+  spec.full_width = image.format.w();
+  spec.full_height = image.format.h();
+  spec.x = image.box.x;
+  spec.y = flipY(image.format, image.box.t - 1);
+  spec.channelnames = image.channels;
+  spec.alpha_channel = image.channelIndex("A");
+  spec.z_channel = image.channelIndex("Z");
+  spec.attribute("compression", "zip");
+
+  TemporaryFile temp(path);
+  if (!out->open(temp.path(), spec))
+    throw RenderError("cannot write " + path + ": " + inputError(*out));
+  const std::size_t w = std::size_t(std::max(0, image.box.w()));
+  const int band = 64;
+  std::vector<float> buffer(std::max<std::size_t>(1, w) * nch * band, 0.0f);
+  bool ok = true;
+  if (image.box.empty()) {
+    // An empty box still makes a valid file: one black pixel.
+    ok = out->write_scanline(spec.y, 0, TypeDesc::FLOAT, buffer.data());
+  } else {
+    for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
+      const int end = std::min(fy + band, spec.y + spec.height);
+      for (int row = fy; row < end; ++row) {
+        const int y = flipY(image.format, row);
+        float* line = buffer.data() + std::size_t(row - fy) * w * nch;
+        for (int c = 0; c < nch; ++c) {
+          const float* src = image.row(c, y);
+          for (std::size_t i = 0; i < w; ++i)
+            line[i * nch + c] = src[i];
+        }
+      }
+      ok = out->write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
+    }
+  }
+  ok = ok && out->close();
+  if (!ok)
+    throw RenderError("cannot write " + path + ": " + inputError(*out));
+  out.reset();
+  temp.commit();
+}
+
+void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                       int blue, int alpha) {
+  checkDirectory(path);
+  const std::string ext = lower(fs::path(path).extension().string());
+  const bool jpeg = ext == ".jpg" || ext == ".jpeg";
+  const bool tiff = ext == ".tif" || ext == ".tiff";
+
+  std::vector<int> source;
+  if (red < 0 && green < 0 && blue < 0) {
+    if (image.channels.empty())
+      throw RenderError("cannot write " + path + ": the image has no channels");
+    source = {0};
+  } else {
+    source = {red, green, blue};
+  }
+  const bool withAlpha = alpha >= 0 && !jpeg;
+  if (withAlpha)
+    source.push_back(alpha);
+  const int nch = int(source.size());
+
+  const Rect& f = image.format;
+  ImageSpec spec(std::max(1, f.w()), std::max(1, f.h()), nch, TypeDesc::FLOAT);
+  if (withAlpha)
+    spec.alpha_channel = nch - 1;
+  OIIO::ImageBuf linear(spec);
+  std::vector<float> line(std::size_t(std::max(1, f.w())) * nch);
+  for (int y = f.y; y < f.t; ++y) {
+    std::fill(line.begin(), line.end(), 0.0f);
+    if (y >= image.box.y && y < image.box.t) {
+      const int x0 = std::max(f.x, image.box.x), x1 = std::min(f.r, image.box.r);
+      for (int c = 0; c < nch; ++c) {
+        if (source[c] < 0)
+          continue;
+        const float* src = image.row(source[c], y);
+        for (int x = x0; x < x1; ++x) {
+          const float v = src[x - image.box.x];
+          line[std::size_t(x - f.x) * nch + c] = std::isfinite(v) ? v : (v > 0 ? FLT_MAX : 0.0f);
+        }
+      }
+    }
+    const int fileRow = flipY(f, y) - f.y;
+    linear.set_pixels(OIIO::ROI(0, f.w(), fileRow, fileRow + 1, 0, 1, 0, nch), TypeDesc::FLOAT,
+                      line.data());
+  }
+
+  OIIO::ImageBuf display;
+  if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", withAlpha))
+    throw RenderError("cannot write " + path + ": " + display.geterror());
+  display.set_write_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
+
+  TemporaryFile temp(path);
+  std::string format = ext.substr(1);
+  if (!display.write(temp.path(), TypeDesc::UNKNOWN, format))
+    throw RenderError("cannot write " + path + ": " + display.geterror());
+  temp.commit();
+}
+
+void writeDeepExr(const std::string& path, const DeepImage& image) {
+  checkDirectory(path);
+  auto out = createOutput(path);
+  if (!out->supports("deepdata"))
+    throw RenderError("cannot write " + path + ": the file type holds no deep data");
+  const int nch = int(image.channels.size());
+  ImageSpec spec(image.box.w(), image.box.h(), nch, TypeDesc::FLOAT);
+  spec.full_x = image.format.x;
+  spec.full_y = image.format.y;
+  spec.full_width = image.format.w();
+  spec.full_height = image.format.h();
+  spec.x = image.box.x;
+  spec.y = flipY(image.format, image.box.t - 1);
+  spec.channelnames = image.channels;
+  spec.channelformats.assign(nch, TypeDesc::FLOAT);
+  spec.alpha_channel = image.channelIndex("A");
+  spec.z_channel = image.channelIndex("Z");
+  spec.deep = true;
+  spec.attribute("compression", "zips");
+
+  OIIO::DeepData dd;
+  dd.init(spec);
+  const int w = image.box.w();
+  std::vector<unsigned int> counts(std::size_t(w) * image.box.h());
+  for (int y = image.box.y; y < image.box.t; ++y)
+    for (int x = image.box.x; x < image.box.r; ++x)
+      counts[std::size_t(flipY(image.format, y) - spec.y) * w + (x - image.box.x)] =
+          unsigned(image.sampleCount(x, y));
+  dd.set_all_samples(counts);
+  for (int y = image.box.y; y < image.box.t; ++y)
+    for (int x = image.box.x; x < image.box.r; ++x) {
+      const std::int64_t p = std::int64_t(flipY(image.format, y) - spec.y) * w + (x - image.box.x);
+      const std::size_t n = image.sampleCount(x, y);
+      for (std::size_t s = 0; s < n; ++s)
+        for (int c = 0; c < nch; ++c)
+          dd.set_deep_value(p, c, int(s), image.sample(x, y, s)[c]);
+    }
+
+  TemporaryFile temp(path);
+  bool ok = out->open(temp.path(), spec) && out->write_deep_image(dd) && out->close();
+  if (!ok)
+    throw RenderError("cannot write " + path + ": " + inputError(*out));
+  out.reset();
+  temp.commit();
+}
+
+void writeTextFile(const std::string& path, const std::string& text) {
+  checkDirectory(path);
+  TemporaryFile temp(path);
+  {
+    std::ofstream f(temp.path(), std::ios::binary);
+    f << text;
+    f.close();
+    if (!f)
+      throw RenderError("cannot write " + path);
+  }
+  temp.commit();
+}
+
+void installInterruptCleanup() {
+  for (int sig : {SIGINT, SIGTERM, SIGHUP})
+    std::signal(sig, removePendingTempAndDie);
+}
+
+}  // namespace vorelapp

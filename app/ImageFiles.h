@@ -1,0 +1,102 @@
+#pragma once
+// Image files in the host's terms. Everything here is in host coordinates: x to the right, y
+// upward, row 0 at the bottom, areas half open. A file stores its top row first, so reading and
+// writing flip rows about the display window: file row y and host row (2 * fy + fh - 1 - y) are
+// the same row, fy and fh being the display window's top and height. The mapping is its own
+// inverse, so a file read and written again keeps both windows and all offsets.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vorelapp {
+
+struct Rect {
+  int x = 0, y = 0, r = 0, t = 0;
+  int w() const { return r - x; }
+  int h() const { return t - y; }
+  bool empty() const { return r <= x || t <= y; }
+  bool operator==(const Rect& o) const { return x == o.x && y == o.y && r == o.r && t == o.t; }
+  bool operator!=(const Rect& o) const { return !(*this == o); }
+};
+
+// A flat image: one float plane per channel over the data window `box`, rows bottom up.
+struct FlatImage {
+  Rect format;                            // the display window
+  Rect box;                               // the data window
+  std::vector<std::string> channels;      // names as the file has them ("R", "Z", "mask.a")
+  std::vector<std::vector<float>> planes; // box.w() * box.h() each
+
+  void allocate();  // sizes every plane to the box, zero filled
+  int channelIndex(const std::string& name) const;  // -1 if absent
+  float* row(int c, int y) { return planes[c].data() + std::size_t(y - box.y) * box.w(); }
+  const float* row(int c, int y) const {
+    return planes[c].data() + std::size_t(y - box.y) * box.w();
+  }
+};
+
+// A deep image: per pixel of the box a run of samples, each with every channel. Sample order
+// within a pixel is the file's; `Z` is the sample's front depth and `ZBack` its back.
+struct DeepImage {
+  Rect format;
+  Rect box;
+  std::vector<std::string> channels;
+  std::vector<std::size_t> offsets;  // box.w() * box.h() + 1 entries, first sample of each pixel
+  std::vector<float> samples;        // sample-major: samples[s * channels.size() + c]
+
+  int channelIndex(const std::string& name) const;
+  std::size_t pixelIndex(int x, int y) const {
+    return std::size_t(y - box.y) * box.w() + std::size_t(x - box.x);
+  }
+  std::size_t sampleCount(int x, int y) const {
+    const std::size_t p = pixelIndex(x, y);
+    return offsets[p + 1] - offsets[p];
+  }
+  const float* sample(int x, int y, std::size_t i) const {
+    return samples.data() + (offsets[pixelIndex(x, y)] + i) * channels.size();
+  }
+};
+
+// True if the file holds deep data (it must exist and be readable).
+bool isDeepFile(const std::string& path);
+
+// Reading throws UsageError for a file that is missing or not an image of the kind asked for,
+// RenderError for one that fails while its pixels are decoded. NaN values are read as 0 and
+// counted in *nanCount, when given; infinities are kept (a depth may well be infinite).
+FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr);
+DeepImage readDeepImage(const std::string& path, std::size_t* nanCount = nullptr);
+
+// The deep image as one flat image: per pixel the samples composited nearest first with "over",
+// the non-depth channels under their own names, and "Z" the nearest sample's front depth.
+// Pixels with no sample are 0 with Z at the far limit, the largest finite float.
+FlatImage flattenDeep(const DeepImage& deep);
+
+// What a file name asks for when written.
+enum class FileKind { Exr, Display, Unknown };
+FileKind fileKindFor(const std::string& path);
+
+// A 32-bit float EXR: the format as display window, the box as data window.
+void writeExr(const std::string& path, const FlatImage& image);
+
+// 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only, 0 outside the box.
+// red/green/blue/alpha are channel indices of `image`, -1 where absent; with none of the three
+// colours, the first channel is written as grey.
+void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                       int blue, int alpha);
+
+// A deep EXR, one run of samples per pixel as stored.
+void writeDeepExr(const std::string& path, const DeepImage& image);
+
+// A small text file (a preset).
+void writeTextFile(const std::string& path, const std::string& text);
+
+// Every writer writes through a temporary file beside `path` and renames it over `path` only
+// when the file is complete. If writing fails or the process is interrupted by a signal, the
+// temporary file is removed and `path` is left as it was. Failures throw RenderError.
+
+// Installs handlers for SIGINT, SIGTERM and SIGHUP that remove a temporary output file still
+// being written, then end the process as the signal would have.
+void installInterruptCleanup();
+
+}  // namespace vorelapp

@@ -1,0 +1,64 @@
+#pragma once
+// Runs one tzVorel node over image files as a host would: inputs from files, knobs by name, the
+// call protocol (validate, request, open), then every row of the output box on several threads,
+// straight into the output image, which is written atomically.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/Knobs.h"
+
+namespace vorelapp {
+
+struct CameraValues {
+  // A camera's defaults as artists know them; any may be given.
+  double focal = 50.0;       // mm
+  double haperture = 24.576; // mm
+  double vaperture = 18.672; // mm
+  double focus = 2.0;        // focus distance, world units
+  double fstop = 16.0;
+};
+
+// "focal=50,fstop=2.8,...": throws UsageError for an unknown key or a value that is not a
+// positive number.
+CameraValues parseCamera(const std::string& text);
+
+struct RenderOptions {
+  std::string input;   // input 0; may be empty when `deep` is given
+  std::string output;
+  std::string deep;    // input 3
+  std::string kernel;  // input 1
+  std::string mattes;  // input 4
+  bool hasCamera = false;
+  CameraValues camera; // input 2
+  std::vector<KnobSetting> settings;  // in the order given; later ones win
+  std::string channels;               // empty: all of input 0's
+  unsigned threads = 0;               // 0: every core
+};
+
+// Where the renderer talks: notes and warnings, and progress while rows are made.
+struct RenderReport {
+  std::function<void(const std::string&)> note;     // informational, hidden by --quiet
+  std::function<void(const std::string&)> warning;  // always shown
+  // rows done of total, seconds so far; called from the rendering thread now and then.
+  std::function<void(long done, long total, double seconds)> progress;
+};
+
+struct RenderSummary {
+  int width = 0, height = 0;  // of the output box
+  std::string outputType;
+  int maxCoC = 0;
+  double seconds = 0.0;
+  unsigned threads = 0;
+};
+
+// Throws UsageError or RenderError; on any failure no output file is left behind.
+RenderSummary render(const RenderOptions& options, const RenderReport& report);
+
+// A fresh node with its knobs made, for listing them. Throws RenderError if the node is not
+// linked in.
+std::unique_ptr<DD::Image::Op> makeNode();
+
+}  // namespace vorelapp
