@@ -42,6 +42,7 @@ private:
 class DeepOnlyOp : public Op, public DeepOp {
 public:
   Op* op() override { return this; }
+  using Op::validate;
 
 protected:
   explicit DeepOnlyOp(Node* node) : Op(node) {}

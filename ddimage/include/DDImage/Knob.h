@@ -42,9 +42,9 @@ enum {
 class Knob : public ValueStuffI {
 public:
   typedef unsigned long long FlagMask;
-  static const FlagMask FORCE_RANGE = 0x10;
-  static const FlagMask DISABLED = 0x80;
-  static const FlagMask STARTLINE = 0x1000;
+  static constexpr FlagMask FORCE_RANGE = 0x10;
+  static constexpr FlagMask DISABLED = 0x80;
+  static constexpr FlagMask STARTLINE = 0x1000;
 
   Knob(Op* op, int kind, StoreType store, void* field, const char* name, const char* label);
   Knob(const Knob&) = delete;
