@@ -24,6 +24,10 @@ enum ChannelSetInit : unsigned {
   Mask_All = 0xFFFFFFFFu  // every channel
 };
 
+inline constexpr ChannelSetInit operator|(ChannelSetInit a, ChannelSetInit b) {
+  return static_cast<ChannelSetInit>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
+}
+
 class ChannelSet {
 public:
   ChannelSet() { clear(); }
