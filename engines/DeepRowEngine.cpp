@@ -12,7 +12,7 @@
 #include "DDImage/Iop.h"
 #include "engines/DeepSamples.h"
 #include "engines/Slices.h"
-#include "engines/Splat.h"
+#include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
 #include "node/tzVorel.h"
 
@@ -24,9 +24,6 @@ namespace {
 
 // The walk through a pixel stops once less than this is left uncovered.
 constexpr float kOpaque = 1e-6f;
-
-// max(value, 1.0) that also turns a NaN (from a NaN matte) into the smallest kernel.
-float atLeastOne(float value) { return value > 1.0f ? value : 1.0f; }
 
 int clampTo(int value, int last) { return std::max(0, std::min(last, value)); }
 
@@ -55,7 +52,13 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     row.copy(inputRow, channels, x, r);
   }
 
-  SliceAccumulators slices(p.correctiveSlices, x, r, p.vorelChannels);
+  // Only requested channels are ever spread or merged: the others need no accumulators.
+  ChannelSet spread = channels;
+  spread &= p.vorelChannels;
+  if (spread.empty())
+    return;
+  SliceAccumulators slices(p.correctiveSlices, x, r, spread);
+  const SplatContext context(node, channels);
   const ChannelPlanes* colourPlanes = slices.colourPlanes.data();
   const ChannelPlanes* weightPlanes = slices.weightPlanes.data();
 
@@ -82,7 +85,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       farDepth = clampToRegion(p, farDepth);
     const unsigned backgroundSlice = sliceForDepth(p.correctiveSlices, node.sliceBoundaries, farDepth);
     DepthSide farSide;
-    const float backgroundCoC = atLeastOne(depthToCoC(p, node.maxCoC, farDepth, farSide));
+    const float backgroundCoC = std::max(depthToCoC(p, node.maxCoC, farDepth, farSide), 1.0f);
 
     const Box format = node.formatBox();
     const int fw = format.r() - format.x();
@@ -166,12 +169,11 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
             depth = clampToRegion(p, depth);
           const unsigned slice = sliceForDepth(p.correctiveSlices, node.sliceBoundaries, depth);
           DepthSide pieceSide;
-          const float coc = atLeastOne(depthToCoC(p, node.maxCoC, depth, pieceSide) * defocusMatte);
+          const float coc = std::max(depthToCoC(p, node.maxCoC, depth, pieceSide) * defocusMatte, 1.0f);
           if (side != 0 && side != pieceSide)
             continue;
-          splatPixel(node, pixelX, pixelY, x, y, r, sourceX, sourceY, coc, slice, weight,
-                     colours.data(), colourPlanes, weightPlanes, channels, bloomMatte,
-                     chromaticMatte);
+          splatPixel(context, pixelX, pixelY, x, y, r, sourceX, sourceY, coc, slice, weight,
+                     colours.data(), colourPlanes, weightPlanes, bloomMatte, chromaticMatte);
           coveredAlpha += weight;
           transmittance = 1.0f - coveredAlpha;
           if (kOpaque > transmittance)
@@ -181,9 +183,9 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
         if (1.0f > coveredAlpha) {
           for (const Channel c : requested)
             colours[c] = 0.0f;
-          splatPixel(node, pixelX, pixelY, x, y, r, sourceX, sourceY, backgroundCoC,
+          splatPixel(context, pixelX, pixelY, x, y, r, sourceX, sourceY, backgroundCoC,
                      backgroundSlice, 1.0f - coveredAlpha, colours.data(), colourPlanes,
-                     weightPlanes, channels, 0.0f, 1.0f);
+                     weightPlanes, 0.0f, 1.0f);
         }
       }
     }
