@@ -41,21 +41,37 @@ void resampleKernel(Kernel& destination, int size, Channel channel, const Kernel
   const float scaleY = static_cast<float>(H) / static_cast<float>(size);
 
   // The column geometry is the same for every row: work it out once per plane.
-  // columnIndex[x] < 0 marks a column that the zero rule blanks.
-  std::vector<int> columnIndex(static_cast<std::size_t>(size));
-  std::vector<float> columnFraction(static_cast<std::size_t>(size));
+  // A column that the zero rule blanks has no neighbourhood.
+  struct Column {
+    int taps[4];  // source columns ix - 1 .. ix + 2, edge repeated
+    float fraction;
+    bool blank;
+  };
+  std::vector<Column> columns(static_cast<std::size_t>(size));
+  int firstTap = W, lastTap = -1;
   for (int x = 0; x < size; ++x) {
+    Column& column = columns[static_cast<std::size_t>(x)];
     // The source index is taken in double precision, the fraction in single: the two may
     // disagree by a rounding step, and each is kept as it comes out.
     const int ix = static_cast<int>((static_cast<double>(x) + 0.5) * static_cast<double>(scaleX));
-    columnIndex[x] = (ix < 1 || ix >= W) ? -1 : ix;
-    columnFraction[x] = (static_cast<float>(x) + 0.5f) * scaleX - static_cast<float>(ix);
+    column.blank = ix < 1 || ix >= W;
+    column.fraction = (static_cast<float>(x) + 0.5f) * scaleX - static_cast<float>(ix);
+    if (column.blank)
+      continue;
+    for (int k = 0; k < 4; ++k)
+      column.taps[k] = std::min(W - 1, std::max(ix - 1 + k, 0));
+    firstTap = std::min(firstTap, column.taps[0]);
+    lastTap = std::max(lastTap, column.taps[3]);
   }
 
+  // Interpolating along y first gives one value per source column; each is computed once per
+  // row and shared by every destination column that reads it, with the same operations as if
+  // it were taken per pixel.
+  std::vector<float> alongY(static_cast<std::size_t>(W));
   for (int y = 0; y < size; ++y) {
     float* out = plane.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(size);
     const int iy = static_cast<int>((static_cast<double>(y) + 0.5) * static_cast<double>(scaleY));
-    if (iy < 1 || iy >= H) {
+    if (iy < 1 || iy >= H || lastTap < 0) {
       std::fill(out, out + size, 0.0f);
       continue;
     }
@@ -65,18 +81,14 @@ void resampleKernel(Kernel& destination, int size, Channel channel, const Kernel
       const int r = std::min(H - 1, std::max(iy - 1 + k, 0));
       rows[k] = source + static_cast<std::size_t>(r) * static_cast<std::size_t>(W);
     }
+    for (int c = firstTap; c <= lastTap; ++c)
+      alongY[static_cast<std::size_t>(c)] = catmullRom(rows[0][c], rows[1][c], rows[2][c], rows[3][c], ty);
+    const float* v = alongY.data();
     for (int x = 0; x < size; ++x) {
-      const int ix = columnIndex[x];
-      if (ix < 0) {
-        out[x] = 0.0f;
-        continue;
-      }
-      float columns[4];
-      for (int k = 0; k < 4; ++k) {
-        const int c = std::min(W - 1, std::max(ix - 1 + k, 0));
-        columns[k] = catmullRom(rows[0][c], rows[1][c], rows[2][c], rows[3][c], ty);
-      }
-      out[x] = catmullRom(columns[0], columns[1], columns[2], columns[3], columnFraction[x]);
+      const Column& column = columns[static_cast<std::size_t>(x)];
+      out[x] = column.blank ? 0.0f
+                            : catmullRom(v[column.taps[0]], v[column.taps[1]], v[column.taps[2]],
+                                         v[column.taps[3]], column.fraction);
     }
   }
 }
