@@ -38,6 +38,8 @@ void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
 
 void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row,
                    int side) {
+  if (r <= x)
+    return;
   const NodeParameters& p = node.params;
   Iop* input = node.input(0);
 
@@ -68,8 +70,9 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   const int paddedBottom = y - radius;
   const int paddedTop = y + radius;
 
+  // Without kernels (not opened since the last validation) nothing can be spread.
   DeepOp* deep = node.deepInput();
-  if (deep && input) {
+  if (deep && input && radius >= 0 && !node.kernelBank.empty()) {
     const Channel sampleDepthChannel =
         p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
     ChannelSet deepChannels = deep->deepInfo().channels();

@@ -30,6 +30,8 @@ float previewValue(const NodeParameters& p, int maxCoC, float depth, Channel c) 
 }  // namespace
 
 void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row) {
+  if (r <= x)
+    return;
   const NodeParameters& p = node.params;
 
   ChannelSet passThrough = channels;

@@ -312,6 +312,24 @@ TEST(DeepEngineInputs, FailedFetchLeavesTheEffectChannelsEmptyAndPassesTheRestTh
   EXPECT_EQ(out.at(2, 1, Chan_Z), 42.0f);
 }
 
+TEST(DeepEngineInputs, SpanWhollyBeyondTheFormatIsEmpty) {
+  DeepScene scene(10, 4);
+  blurAround100(*scene.node, 5.0f);
+  for (int y = 0; y < 4; ++y)
+    for (int x = 0; x < 10; ++x)
+      scene.add(x, y, {130.0f, 1.0f, 1.0f, 1.0f, 1.0f});
+  scene.deep->finish();
+  for (const Box& area : {Box(30, 0, 40, 4), Box(-40, 0, -30, 4)}) {
+    const Image out = render(*scene.node, area, Mask_RGBA);
+    for (int y = 0; y < 4; ++y)
+      for (int x = area.x(); x < area.r(); ++x)
+        ASSERT_EQ(out.at(x, y, Chan_Alpha), 0.0f) << x;
+  }
+  // Just past the edge the edge pixels, repeated beyond it, still reach.
+  const Image near = render(*scene.node, Box(10, 0, 12, 4), Mask_RGBA);
+  EXPECT_GT(near.at(10, 1, Chan_Alpha), 0.5f);
+}
+
 // ---- previews -------------------------------------------------------------------------------
 
 class DeepPreview : public testing::Test {
