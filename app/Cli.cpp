@@ -30,6 +30,13 @@ std::string seconds(double s) {
   return buf;
 }
 
+std::string join(const std::vector<std::string>& items) {
+  std::string s;
+  for (const std::string& i : items)
+    s += (s.empty() ? "" : ", ") + i;
+  return s;
+}
+
 const char* kRenderHelp = R"(Renders one tzVorel node over image files.
 
 Inputs: INPUT is the node's input 0 (a flat image with a depth channel). With only a deep render,
@@ -60,13 +67,19 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
   bool quiet = false;
   CLI::App* renderCmd = app.add_subcommand("render", "Render image files through the node");
   renderCmd->footer(kRenderHelp);
-  renderCmd->add_option("INPUT", options.input, "Input 0: flat image with depth");
-  renderCmd->add_option("-o,--output", options.output, "Output file (.exr, .png, .jpg, .tif)")
+  renderCmd->add_option("INPUT", options.input, "Input 0: flat image with depth")
+      ->type_name("FILE");
+  renderCmd
+      ->add_option("-o,--output", options.outputs,
+                   "Output file (.exr, .png, .jpg, .tif); repeat to write several")
+      ->type_name("FILE")
+      ->allow_extra_args(false)
       ->required();
-  renderCmd->add_option("--deep", options.deep, "Deep EXR on input 3 (Deep Input)");
+  renderCmd->add_option("--deep", options.deep, "Deep EXR on input 3 (Deep Input)")->type_name("FILE");
   renderCmd->add_option("--kernel", options.kernel,
-                        "Kernel image on input 1; sets kernelType=Input unless --set says otherwise");
-  renderCmd->add_option("--mattes", options.mattes, "Matte image on input 4 (Mattes)");
+                        "Kernel image on input 1; sets kernelType=Input unless --set says otherwise")
+      ->type_name("FILE");
+  renderCmd->add_option("--mattes", options.mattes, "Matte image on input 4 (Mattes)")->type_name("FILE");
   renderCmd
       ->add_option("--camera", camera,
                    "Camera on input 2: focal=MM,haperture=MM,vaperture=MM,focus=DIST,fstop=N "
@@ -104,6 +117,13 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
       err << "\r\033[K";
     barShown = false;
   };
+  const std::string first = argc > 1 ? argv[1] : "";
+  if (!first.empty() && first[0] != '-' && first != renderCmd->get_name() &&
+      first != knobsCmd->get_name() && first != demoCmd->get_name()) {
+    err << program << ": unknown command '" << argv[1]
+        << "' (commands: render, knobs, demo-scene; see vorel --help)\n";
+    return kExitUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -139,8 +159,11 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
       if (opt->get_name() == "--set" && nextSet < sets.size())
         options.settings.push_back(parseSetting(sets[nextSet++], "--set"));
       else if (opt->get_name() == "--preset" && nextPreset < presets.size())
+      {
+        options.presetFiles.push_back(presets[nextPreset]);
         for (const KnobSetting& s : readPreset(presets[nextPreset++]))
           options.settings.push_back(s);
+      }
     }
     if (!camera.empty()) {
       options.hasCamera = true;
@@ -171,8 +194,9 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
 
     const RenderSummary s = render(options, report);
     if (!quiet)
-      err << program << ": wrote " << options.output << ": " << s.width << "x" << s.height << ", "
-          << s.outputType << ", maxCoC " << s.maxCoC << ", " << seconds(s.seconds) << " on "
+      err << program << ": wrote " << join(options.outputs) << ": " << s.width << "x" << s.height << ", "
+          << s.outputType << (s.maxCoC >= 0 ? ", maxCoC " + std::to_string(s.maxCoC) : "")
+          << ", " << seconds(s.seconds) << " on "
           << s.threads << (s.threads == 1 ? " thread" : " threads") << "\n";
     return kExitOk;
   } catch (const AppError& e) {

@@ -53,8 +53,8 @@ public:
     const float lamps[][2] = {{40, 320}, {110, 300}, {230, 330}, {300, 60},  {420, 330},
                               {460, 40}, {600, 320}, {620, 200}, {250, 260}, {40, 40}};
     for (int i = 0; i < 10; ++i) {
-      const float k = 6.0f + 18.0f * hash01(i, 7);
-      lamps_.push_back({lamps[i][0] * s_, lamps[i][1] * s_, 2.5f * s_, {k, 0.75f * k, 0.45f * k}});
+      const float k = 20.0f + 40.0f * hash01(i, 7);
+      lamps_.push_back({lamps[i][0] * s_, lamps[i][1] * s_, 2.0f * s_, {k, 0.75f * k, 0.45f * k}});
     }
     // A glint on the blue disc.
     highlight_ = {480 * s_, 250 * s_, 3.0f * s_, {15, 15, 15}};
@@ -76,7 +76,7 @@ public:
       return {0.06f, 0.06f, 0.07f};
     const float k = 0.55f + 0.6f * hash01(col, row);
     const float grain = 0.9f + 0.2f * hash01(int(x), int(y));
-    return {0.42f * k * grain, 0.36f * k * grain, 0.30f * k * grain};
+    return {0.24f * k * grain, 0.20f * k * grain, 0.17f * k * grain};
   }
 
   Rgb disc(const Disc& d, float x, float y) const {
@@ -244,11 +244,11 @@ std::vector<std::string> writeDemoScene(const std::string& dir, int width, int h
   writeExr(kernel, scene.kernel);
 
   writeTextFile(preset,
-      "# A 50 mm lens at f/2.8 focused at 2 m, on the demo scene whose depth is in centimetres.\n"
+      "# A 50 mm lens at f/1.4 focused at 2 m, on the demo scene whose depth is in centimetres.\n"
        "realWorldLens on\n"
        "worldScale cm\n"
        "focalLength 50\n"
-       "fStop 2.8\n"
+       "fStop 1.4\n"
        "focalPlane 200\n"
        "filmFormat 35mm\n");
   return {flat, deep, kernel, preset};

@@ -243,12 +243,15 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   auto warn = [&](const std::string& s) { if (report.warning) report.warning(s); };
 
   // --- what was asked for ---------------------------------------------------------------
-  if (o.output.empty())
+  if (o.outputs.empty())
     throw UsageError("no output file: give -o FILE");
-  const FileKind kind = fileKindFor(o.output);
-  if (kind == FileKind::Unknown)
-    throw UsageError("cannot write " + o.output +
-                     ": the output must be .exr, or .png, .jpg or .tif for a quick look");
+  std::vector<FileKind> kinds;
+  for (const std::string& output : o.outputs) {
+    kinds.push_back(fileKindFor(output));
+    if (kinds.back() == FileKind::Unknown)
+      throw UsageError("cannot write " + output +
+                       ": the output must be .exr, or .png, .jpg or .tif for a quick look");
+  }
   std::string input = o.input, deepPath = o.deep;
   if (input.empty() && deepPath.empty())
     throw UsageError("no input: give an INPUT image, or a deep image with --deep");
@@ -258,12 +261,20 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     deepPath = input;
     input.clear();
   }
-  for (const std::string* in : std::initializer_list<const std::string*>{&input, &deepPath, &o.kernel, &o.mattes})
-    if (!in->empty() && sameFile(*in, o.output))
-      throw UsageError("the output " + o.output + " is also an input; choose another name");
-  std::error_code ec;
-  if (fs::is_directory(o.output, ec))
-    throw UsageError("the output " + o.output + " is a directory");
+  std::vector<std::string> reads = {input, deepPath, o.kernel, o.mattes};
+  reads.insert(reads.end(), o.presetFiles.begin(), o.presetFiles.end());
+  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
+    const std::string& output = o.outputs[i];
+    for (const std::string& in : reads)
+      if (!in.empty() && sameFile(in, output))
+        throw UsageError("the output " + output + " is also an input; choose another name");
+    for (std::size_t j = 0; j < i; ++j)
+      if (sameFile(o.outputs[j], output))
+        throw UsageError("the output " + output + " is given twice");
+    std::error_code ec;
+    if (fs::is_directory(output, ec))
+      throw UsageError("the output " + output + " is a directory");
+  }
 
   // --- inputs ------------------------------------------------------------------------------
   FlatSource input0, kernel, mattes;
@@ -429,17 +440,18 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   }
 
   // --- the file ----------------------------------------------------------------------------
-  if (kind == FileKind::Exr) {
-    writeExr(o.output, out);
-  } else {
-    auto index = [&](Channel z) {
-      for (std::size_t c = 0; c < outChannels.size(); ++c)
-        if (outChannels[c] == z)
-          return int(c);
-      return -1;
-    };
-    writeDisplayImage(o.output, out, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
-                      index(Chan_Alpha));
+  auto index = [&](Channel z) {
+    for (std::size_t c = 0; c < outChannels.size(); ++c)
+      if (outChannels[c] == z)
+        return int(c);
+    return -1;
+  };
+  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
+    if (kinds[i] == FileKind::Exr)
+      writeExr(o.outputs[i], out);
+    else
+      writeDisplayImage(o.outputs[i], out, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
+                        index(Chan_Alpha));
   }
 
   RenderSummary summary;
@@ -447,7 +459,9 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   summary.height = box.h();
   const Knob* typeKnob = node.knob("outputType");
   summary.outputType = typeKnob ? valueText(*typeKnob) : "";
-  if (const auto* vorelNode = dynamic_cast<const tzVorel*>(&node))
+  // The largest CoC is only looked for when the output is a defocus.
+  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
+  if (vorelNode && (outputType == vorel::OutputDefocusedImage || outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->maxCoC;
   summary.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   summary.threads = threads;

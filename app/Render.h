@@ -27,7 +27,7 @@ CameraValues parseCamera(const std::string& text);
 
 struct RenderOptions {
   std::string input;   // input 0; may be empty when `deep` is given
-  std::string output;
+  std::vector<std::string> outputs;  // one render, written to each
   std::string deep;    // input 3
   std::string kernel;  // input 1
   std::string mattes;  // input 4
@@ -36,6 +36,7 @@ struct RenderOptions {
   std::vector<KnobSetting> settings;  // in the order given; later ones win
   std::string channels;               // empty: all of input 0's
   unsigned threads = 0;               // 0: every core
+  std::vector<std::string> presetFiles;  // read for settings; never to be written over
 };
 
 // Where the renderer talks: notes and warnings, and progress while rows are made.
@@ -49,7 +50,7 @@ struct RenderReport {
 struct RenderSummary {
   int width = 0, height = 0;  // of the output box
   std::string outputType;
-  int maxCoC = 0;
+  int maxCoC = -1;  // -1 when the output type does not look for it
   double seconds = 0.0;
   unsigned threads = 0;
 };
