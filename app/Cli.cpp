@@ -175,7 +175,7 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
     if (!quiet)
       report.note = [&](const std::string& s) { err << program << ": " << s << "\n"; };
     if (!quiet && errIsTerminal) {
-      report.progress = [&](long done, long total, double elapsed) {
+      report.progress = [&](long done, long total, double elapsed, double rowSeconds) {
         barShown = done < total;
         const int width = 30;
         const int filled = total > 0 ? int(width * done / total) : width;
@@ -184,8 +184,8 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
         std::ostringstream line;
         line << "\r[" << bar << "] " << done << "/" << total << " rows  " << clock(elapsed)
              << " elapsed";
-        if (done > 0 && done < total)
-          line << "  " << clock(elapsed * double(total - done) / double(done)) << " left";
+        if (done > 0 && done < total && rowSeconds > 0.3)
+          line << "  " << clock(rowSeconds * double(total - done) / double(done)) << " left";
         err << line.str() << "\033[K" << std::flush;
         if (done >= total)
           err << "\r\033[K" << std::flush;

@@ -417,15 +417,19 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     pool.emplace_back(worker);
   if (report.progress) {
     // This thread reports while the others work, then joins in.
+    const auto rowsStart = Clock::now();
+    auto tell = [&]() {
+      const auto now = Clock::now();
+      report.progress(rowsDone, box.h(), std::chrono::duration<double>(now - start).count(),
+                      std::chrono::duration<double>(now - rowsStart).count());
+    };
     std::thread last(worker);
-    const long total = box.h();
-    while (rowsDone < total && !failed) {
-      report.progress(rowsDone, total,
-                      std::chrono::duration<double>(Clock::now() - start).count());
+    while (rowsDone < box.h() && !failed) {
+      tell();
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     last.join();
-    report.progress(rowsDone, total, std::chrono::duration<double>(Clock::now() - start).count());
+    tell();
   } else {
     worker();
   }

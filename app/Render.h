@@ -43,8 +43,9 @@ struct RenderOptions {
 struct RenderReport {
   std::function<void(const std::string&)> note;     // informational, hidden by --quiet
   std::function<void(const std::string&)> warning;  // always shown
-  // rows done of total, seconds so far; called from the rendering thread now and then.
-  std::function<void(long done, long total, double seconds)> progress;
+  // Rows done of total, seconds since the run began and since the first row; called from the
+  // calling thread now and then while rows are made, and once when all are done.
+  std::function<void(long done, long total, double seconds, double rowSeconds)> progress;
 };
 
 struct RenderSummary {

@@ -5,10 +5,15 @@
 #include <OpenImageIO/deepdata.h>
 #include <OpenImageIO/imageio.h>
 
+#include <signal.h>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cfloat>
+#include <chrono>
+#include <thread>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -851,4 +856,38 @@ TEST(Failures, TheProgramItselfExitsWithTheStatus) {
   EXPECT_EQ(r.code, 0) << r.err;
   for (const char* f : {"scene.exr", "scene_deep.exr", "kernel.exr", "lens.preset"})
     EXPECT_TRUE(fs::exists(dir / (std::string("demo/") + f))) << f;
+}
+
+TEST(Failures, AnInterruptedRenderLeavesNoFile) {
+  TempDir dir;
+  writeDemoScene(dir / "demo", 480, 270);
+  const std::string out = dir / "demo/out.exr";
+  const std::vector<std::string> args = {VOREL_BINARY, "render", dir / "demo/scene.exr", "-o", out,
+                                         "--quiet", "--threads", "1", "--preset",
+                                         dir / "demo/lens.preset", "--set", "fStop=0.5"};
+  std::vector<char*> argv;
+  for (const std::string& a : args)
+    argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  ASSERT_EQ(posix_spawn(&pid, VOREL_BINARY, &actions, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  std::this_thread::sleep_for(std::chrono::milliseconds(900));
+  ::kill(pid, SIGINT);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+
+  // Either it ended by the signal and left nothing, or it had already finished a whole file.
+  if (WIFSIGNALED(status)) {
+    EXPECT_EQ(WTERMSIG(status), SIGINT);
+    EXPECT_FALSE(fs::exists(out));
+  } else {
+    ADD_FAILURE() << "the render finished before the interrupt; make it slower";
+    EXPECT_EQ(readFlatImage(out).box, (Rect{0, 0, 480, 270}));
+  }
+  for (const auto& e : fs::directory_iterator(dir / "demo"))
+    EXPECT_EQ(e.path().filename().string().find(".vorel-"), std::string::npos) << e.path();
 }
