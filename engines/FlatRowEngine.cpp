@@ -5,6 +5,7 @@
 
 #include "DDImage/Box.h"
 #include "DDImage/Iop.h"
+#include "engines/FlatSourceTable.h"
 #include "engines/Slices.h"
 #include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
@@ -20,19 +21,19 @@ namespace vorel {
 
 namespace {
 
-bool passesFocusGate(int focusOutput, DepthSide side) {
+float readOr(const float* plane, int column, float fallback) {
+  return plane ? plane[column] : fallback;
+}
+
+}  // namespace
+
+bool flatFocusGatePasses(int focusOutput, DepthSide side) {
   switch (focusOutput) {
     case FocusFront: return side == DepthSideFront;
     case FocusBack: return side != DepthSideFront;
     default: return true;
   }
 }
-
-float readOr(const float* plane, int column, float fallback) {
-  return plane ? plane[column] : fallback;
-}
-
-}  // namespace
 
 void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& out) {
   Iop* source = node.input(0);
@@ -78,9 +79,18 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   float colours[kChannelSlots] = {};
   std::vector<const float*> colourPlanes(splatChannels.size());
 
+  // With the frame's table the per-pixel lens work is done already, and a visit whose kernel
+  // cannot reach this row is dropped before anything is read.
+  const FlatSourceTable& table = node.flatSources;
+  const bool tabled = table.ready && left >= table.left && right <= table.right &&
+                      table.bottom == bottom && table.top == top;
+
   for (int sy = y - R; sy <= y + R; ++sy) {
     // Rows beyond the box repeat its edge row, but spread from their own position.
     const int fy = std::max(bottom, std::min(top, sy));
+    const int distance = sy > y ? sy - y : y - sy;
+    if (tabled && table.rowReach[static_cast<std::size_t>(fy - bottom)] < distance)
+      continue;
 
     Row sourceRow(left, right);
     sourceRow.get(*source, fy, left, right, sourceChannels);
@@ -108,6 +118,26 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     float outsideDepth = 0.0f;
     bool haveOutside = false;
 
+    if (tabled) {
+      const std::size_t rowStart = table.index(left, fy);
+      const std::int32_t* reach = table.reach.data() + rowStart;
+      const float* cocs = table.coc.data() + rowStart;
+      const std::uint32_t* sliceOf = table.slice.data() + rowStart;
+      for (int sx = left; sx < right; ++sx) {
+        const int i = sx - left;
+        if (reach[i] < distance)
+          continue;
+        const int cx = std::max(0, std::min(fw - 1, sx));
+        const float bloomMatte = readOr(bloomPlane, sx, 1.0f);
+        const float chromaticMatte = readOr(chromaticPlane, sx, 1.0f);
+        for (std::size_t k = 0; k < splatChannels.size(); ++k)
+          colours[splatChannels[k]] = readOr(colourPlanes[k], sx, 0.0f);
+        splatPixel(context, cx, fy, x, y, r, sx, sy, cocs[i], sliceOf[i], 1.0f, colours,
+                   slices.colourPlanes.data(), slices.weightPlanes.data(), bloomMatte, chromaticMatte);
+      }
+      continue;
+    }
+
     for (int sx = left; sx < right; ++sx) {
       const int cx = std::max(0, std::min(fw - 1, sx));
 
@@ -130,7 +160,7 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
         depth = clampToRegion(p, depth);
       DepthSide side;
       const float coc = depthToCoC(p, maxCoC, depth, side);
-      if (!passesFocusGate(p.focusOutput, side))
+      if (!flatFocusGatePasses(p.focusOutput, side))
         continue;
       const unsigned slice = sliceForDepth(N, node.sliceBoundaries, depth);
 

@@ -95,6 +95,7 @@ DeepOp* tzVorel::deepInput() const {
 void tzVorel::releaseKernels() {
   releaseKernelBank(kernelBank);
   masterKernel.clear();
+  flatSources.clear();
   kernelsReady_ = false;
 }
 
@@ -238,6 +239,8 @@ void tzVorel::_open() {
       kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
       Thread::spawn(kernelBankThread, Thread::numCPUs, this);
       Thread::wait(this);
+      if (!params.hasDeepInput)
+        buildFlatSourceTable(*this, flatSources);
       break;
     default:
       break;

@@ -12,6 +12,7 @@
 #include "DDImage/Knobs.h"
 #include "DDImage/MetaData.h"
 #include "DDImage/Row.h"
+#include "engines/FlatSourceTable.h"
 #include "lens/Kernel.h"
 #include "node/NodeParameters.h"
 
@@ -64,6 +65,8 @@ public:
   DD::Image::ChannelSet matteChannels;
   int kernelRadius = 0;
   int maxCoC = 0;
+  // Per-frame lens values of the flat source pixels, made with the kernel bank.
+  vorel::FlatSourceTable flatSources;
 
 private:
   bool kernelsReady_ = false;
