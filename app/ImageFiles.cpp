@@ -180,30 +180,41 @@ bool isDeepFile(const std::string& path) {
   return in->spec().deep;
 }
 
-FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
+FlatImage readFlatHeader(const std::string& path) {
   auto in = openInput(path);
-  const ImageSpec spec = in->spec();
+  const ImageSpec& spec = in->spec();
   if (spec.deep)
     throw UsageError(path + " is a deep image; give it with --deep");
-
   FlatImage image;
   image.format = displayWindow(spec);
   image.box = dataWindow(spec, image.format);
   image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
+  image.channels.resize(std::size_t(spec.nchannels));
   for (std::size_t c = 0; c < image.channels.size(); ++c)
     if (image.channels[c].empty())
       image.channels[c] = "channel" + std::to_string(c);
-  image.allocate();
+  return image;
+}
 
+void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
+                    std::size_t* nanCount) {
+  auto in = openInput(path);
+  const ImageSpec spec = in->spec();
+  if (spec.deep)
+    throw UsageError(path + " is a deep image; give it with --deep");
   const int nch = spec.nchannels;
+  if (int(planes.size()) != nch)
+    throw RenderError("cannot read " + path + ": it changed while being read");
+  const Rect format = displayWindow(spec);
+  const Rect box = dataWindow(spec, format);
   const std::size_t w = std::size_t(spec.width);
   std::size_t nans = 0;
   auto scatter = [&](const float* src, int fileY0, int fileY1) {
     for (int fy = fileY0; fy < fileY1; ++fy) {
-      const int y = flipY(image.format, fy);
+      const std::size_t row = std::size_t(flipY(format, fy) - box.y) * w;
       const float* line = src + std::size_t(fy - fileY0) * w * nch;
       for (int c = 0; c < nch; ++c) {
-        float* dst = image.row(c, y);
+        float* dst = planes[std::size_t(c)] + row;
         for (std::size_t i = 0; i < w; ++i)
           dst[i] = sanitize(line[i * nch + c], nans);
       }
@@ -212,7 +223,7 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
 
   bool ok = true;
   if (spec.tile_width == 0) {
-    // Scanline files are read in bands, to keep only the planes in memory.
+    // Scanline files are read in bands, so that only the planes hold the whole image.
     const int band = 64;
     std::vector<float> buffer(w * nch * band);
     for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
@@ -231,6 +242,15 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
     throw RenderError("cannot read " + path + ": " + inputError(*in));
   if (nanCount)
     *nanCount = nans;
+}
+
+FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
+  FlatImage image = readFlatHeader(path);
+  image.allocate();
+  std::vector<float*> planes;
+  for (auto& p : image.planes)
+    planes.push_back(p.data());
+  readFlatPixels(path, planes, nanCount);
   return image;
 }
 

@@ -65,6 +65,12 @@ bool isDeepFile(const std::string& path);
 // RenderError for one that fails while its pixels are decoded. NaN values are read as 0 and
 // counted in *nanCount, when given; infinities are kept (a depth may well be infinite).
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr);
+// The same in two steps, for a caller that keeps pixels in planes of its own: the windows and
+// channel names (no planes), then the pixels into one plane per channel, each box.w() * box.h()
+// floats, bottom row first.
+FlatImage readFlatHeader(const std::string& path);
+void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
+                    std::size_t* nanCount = nullptr);
 DeepImage readDeepImage(const std::string& path, std::size_t* nanCount = nullptr);
 
 // The deep image as one flat image: per pixel the samples composited nearest first with "over",

@@ -72,13 +72,12 @@ Format hostFormat(const Rect& f) {
   return Format(f.w(), f.h(), f.x, f.y, f.r, f.t);
 }
 
-// Moves the planes into the host's image, one at a time, so that the file's pixels are held
-// only once.
-FlatSource toHost(FlatImage&& image, const std::string& path) {
+// The host image for a file's windows and channels, its planes not yet filled.
+FlatSource hostImageFor(const FlatImage& header, const std::string& path) {
   FlatSource source;
   source.path = path;
   ChannelSet set;
-  for (const std::string& name : image.channels) {
+  for (const std::string& name : header.channels) {
     const Channel z = channelForName(name, path);
     if (set.contains(z))
       throw UsageError(path + ": two of its channels are both " + getName(z));
@@ -86,7 +85,14 @@ FlatSource toHost(FlatImage&& image, const std::string& path) {
     source.names.emplace_back(z, name);
   }
   source.op = std::make_unique<host::FlatImage>(
-      hostFormat(image.format), Box(image.box.x, image.box.y, image.box.r, image.box.t), set);
+      hostFormat(header.format), Box(header.box.x, header.box.y, header.box.r, header.box.t), set);
+  return source;
+}
+
+// Moves an image already in memory into the host's, one plane at a time, so that its pixels are
+// held only about once.
+FlatSource toHost(FlatImage&& image, const std::string& path) {
+  FlatSource source = hostImageFor(image, path);
   for (std::size_t c = 0; c < image.channels.size(); ++c) {
     float* plane = source.op->plane(source.names[c].first);
     if (plane && !image.planes[c].empty())
@@ -96,12 +102,17 @@ FlatSource toHost(FlatImage&& image, const std::string& path) {
   return source;
 }
 
+// Reads a file straight into the host's image.
 FlatSource loadFlat(const std::string& path, const RenderReport& report) {
+  FlatSource source = hostImageFor(readFlatHeader(path), path);
+  std::vector<float*> planes;
+  for (const auto& n : source.names)
+    planes.push_back(source.op->plane(n.first));
   std::size_t nans = 0;
-  FlatImage image = readFlatImage(path, &nans);
+  readFlatPixels(path, planes, &nans);
   if (nans && report.warning)
     report.warning(path + ": " + std::to_string(nans) + " NaN values read as 0");
-  return toHost(std::move(image), path);
+  return source;
 }
 
 std::unique_ptr<host::DeepImage> toHostDeep(const DeepImage& deep, const std::string& path) {

@@ -747,7 +747,12 @@ TEST(Render, OneThreadOrManyMakeTheSameFile) {
     Outcome many = vorel({"render", "-o", dir / "many.exr", "--threads", "3"}, inputs + lens + kSmall);
     ASSERT_EQ(one.code, 0) << one.err;
     ASSERT_EQ(many.code, 0) << many.err;
-    EXPECT_EQ(bytes(dir / "one.exr"), bytes(dir / "many.exr"));
+    // The same windows, channels and bits (the files differ only in their time stamp).
+    const FlatImage a = readFlatImage(dir / "one.exr"), b = readFlatImage(dir / "many.exr");
+    EXPECT_EQ(a.format, b.format);
+    EXPECT_EQ(a.box, b.box);
+    EXPECT_EQ(a.channels, b.channels);
+    EXPECT_TRUE(a.planes == b.planes);
   }
 }
 
@@ -821,7 +826,7 @@ TEST(Failures, EachEndsWithOneLineAndNoFile) {
     EXPECT_EQ(r.err.rfind("vorel: ", 0), 0u) << r.err;
     EXPECT_EQ(dir.entries(), before) << line;
   }
-  EXPECT_EQ(bytes(dir / "in.exr"), inputBytes);
+  EXPECT_TRUE(bytes(dir / "in.exr") == inputBytes);
 }
 
 TEST(Failures, AFailedRenderKeepsTheOldOutput) {
