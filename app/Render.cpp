@@ -285,6 +285,10 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     std::error_code ec;
     if (fs::is_directory(output, ec))
       throw UsageError("the output " + output + " is a directory");
+    // Found out now rather than after the render.
+    const fs::path parent = fs::path(output).parent_path();
+    if (!parent.empty() && !fs::is_directory(parent, ec))
+      throw UsageError("cannot write " + output + ": no directory " + parent.string());
   }
 
   // --- inputs ------------------------------------------------------------------------------

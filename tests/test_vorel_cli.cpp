@@ -810,7 +810,7 @@ TEST(Failures, EachEndsWithOneLineAndNoFile) {
       {{"render", dir / "in.exr", "-o", out, "--frobnicate"}, 2, "frobnicate"},
       {{"render", dir / "in.exr", "-o", dir / "in.exr", "--set", "fStop=2"}, 2, "also an input"},
       {{"render", dir / "in.exr", "-o", out, "--set", "kernelType=Input"}, 1, "No input kernel connected!"},
-      {{"render", dir / "in.exr", "-o", dir / "no/such/dir/out.exr"}, 1, "cannot write"},
+      {{"render", dir / "in.exr", "-o", dir / "no/such/dir/out.exr"}, 2, "no directory"},
       {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
       {{}, 2, "subcommand"},
   };
