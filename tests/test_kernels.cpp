@@ -11,6 +11,7 @@
 #include "lens/KernelBank.h"
 #include "lens/MasterKernel.h"
 #include "node/tzVorel.h"
+#include "support/TestScenes.h"
 
 using namespace vorel;
 using DD::Image::Box;
@@ -432,8 +433,8 @@ TEST(KernelBank, SizesOfAWholeBank) {
   ASSERT_EQ(node.kernelBank.size(), 5u);
   const int sizes0[] = {1, 1, 1, 3, 3};
   for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(node.kernelBank[i].width, sizes0[i]);
-    EXPECT_EQ(node.kernelBank[i].height, sizes0[i]);
+    ASSERT_EQ(node.kernelBank[i].width, sizes0[i]);
+    ASSERT_EQ(node.kernelBank[i].height, sizes0[i]);
     EXPECT_EQ(node.kernelBank[i].half, (sizes0[i] - 1) / 2);
     EXPECT_EQ(node.kernelBank[i].planes[Chan_Alpha].size(), static_cast<std::size_t>(sizes0[i] * sizes0[i]));
   }
@@ -574,4 +575,33 @@ TEST(KernelBank, ThreadCountDoesNotChangeTheBytes) {
   fillBank(fewReference, 0, 1);
   for (std::size_t i = 0; i < 5; ++i)
     EXPECT_TRUE(sameBytes(few.kernelBank[i], fewReference.kernelBank[i])) << i;
+}
+
+TEST(KernelBank, OpenOnAnyNumberOfCPUsGivesTheSameBank) {
+  // Through the node's own open: a 40 x 30 image with CoCs up to 23, blades kernel.
+  auto image = test::flatImage(40, 30, test::rgbaz(), [](int x, int y, Channel z) {
+    return z == DD::Image::Chan_Z ? 100.0f + 0.1f * static_cast<float>(x + y) : 0.5f;
+  });
+  auto bankOn = [&](unsigned cpus) {
+    const unsigned saved = Thread::numCPUs;
+    Thread::numCPUs = cpus;
+    auto node = test::makeNode();
+    test::setKnob(*node, "focalPlane", 100.0);
+    test::setKnob(*node, "focusRegionSize", 8.0);
+    test::setKnob(*node, "multiplier", 23.0);
+    test::setKnob(*node, "kernelType", KernelApertureBlades);
+    test::setKnob(*node, "max_kernelsize", 64);
+    DD::Image::host::connect(*node, 0, image.get());
+    DD::Image::host::prepare(*node, Box(0, 0, 40, 30), test::rgbaz());
+    Thread::numCPUs = saved;
+    return std::move(node->kernelBank);
+  };
+  const std::vector<Kernel> one = bankOn(1);
+  ASSERT_EQ(one.size(), 28u);  // maxCoC 23
+  for (unsigned cpus : {2u, 5u, 64u}) {
+    const std::vector<Kernel> many = bankOn(cpus);
+    ASSERT_EQ(many.size(), one.size());
+    for (std::size_t i = 0; i < one.size(); ++i)
+      ASSERT_TRUE(sameBytes(many[i], one[i])) << cpus << " CPUs, entry " << i;
+  }
 }
