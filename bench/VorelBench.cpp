@@ -5,8 +5,8 @@
 //
 // Beside the frames, the accumulation floor: every kernel row the flat frame adds, replayed into
 // per-slice accumulators with the per-pixel CoC, slice, entry and weights worked out beforehand.
-// It is what the frame costs with nothing but the adds, the zeroing of the accumulators and the
-// walk over the visits that reach each row.
+// It is what the frame costs with nothing but the adds (through the engines' own accumulation
+// routine), the zeroing of the accumulators and the walk over the visits that reach each row.
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
@@ -32,6 +32,7 @@
 #include "app/Knobs.h"
 #include "bench/SceneGenerator.h"
 #include "engines/Slices.h"
+#include "engines/Splat.h"
 #include "lens/CircleOfConfusion.h"
 #include "node/tzVorel.h"
 
@@ -224,15 +225,6 @@ struct Visit {
   float cw[4];
 };
 
-inline void accumulate(float* __restrict P, float* __restrict Q, const float* __restrict K, float cw,
-                       float w, int count) {
-  for (int j = 0; j < count; ++j) {
-    const float k = K[j];
-    P[j] += cw * k;
-    Q[j] += w * k;
-  }
-}
-
 void accumulationFloor(benchmark::State& state) {
   const unsigned threads = unsigned(state.range(0));
   Setup setup(cases()[0]);
@@ -318,7 +310,7 @@ void accumulationFloor(benchmark::State& state) {
               continue;
             float* slice = base + std::size_t(v.slice) * 8 * W;
             for (int c = 0; c < 4; ++c)
-              accumulate(slice + std::size_t(c) * W + start, slice + std::size_t(4 + c) * W + start,
+              vorel::accumulateKernelRow(slice + std::size_t(c) * W + start, slice + std::size_t(4 + c) * W + start,
                          k.plane(rgba[c]) + koff, v.cw[c], v.w, count);
             rowsAdded += 4;
             added += 4LL * count;
@@ -500,12 +492,12 @@ int main(int argc, char** argv) {
                                            [&c](benchmark::State& s) { frame(s, c); });
     for (unsigned t : options.threads)
       b->Arg(t);
-    b->ArgName("threads")->Iterations(1)->Repetitions(options.reps)->UseRealTime()->Unit(benchmark::kSecond);
+    b->ArgName("threads")->Iterations(1)->Repetitions(options.reps)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kSecond);
   }
   auto* f = benchmark::RegisterBenchmark("AccumulationFloor", accumulationFloor);
   for (unsigned t : options.threads)
     f->Arg(t);
-  f->ArgName("threads")->Iterations(1)->Repetitions(options.reps)->UseRealTime()->Unit(benchmark::kSecond);
+  f->ArgName("threads")->Iterations(1)->Repetitions(options.reps)->MeasureProcessCPUTime()->UseRealTime()->Unit(benchmark::kSecond);
 
   TableReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
