@@ -85,7 +85,7 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
                    "Camera on input 2: focal=MM,haperture=MM,vaperture=MM,focus=DIST,fstop=N "
                    "(any of them; defaults 50, 24.576, 18.672, 2, 16); sets realWorldLens=on "
                    "unless --set says otherwise")
-      ->type_name("SPEC");
+      ->type_name("KEY=VALUE,...");
   renderCmd->add_option("--set", sets, "Set a knob; repeatable")
       ->type_name("KNOB=VALUE")
       ->allow_extra_args(false);
