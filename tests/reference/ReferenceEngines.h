@@ -426,7 +426,7 @@ inline void flatRowEngine(const tzVorel& node, int y, int x, int r, const Channe
       const unsigned slice = sliceForDepth(N, node.sliceBoundaries, depth);
 
       // Mattes are read where the source pixel is, not at the clamped column.
-      const float bloomMatte = readOr(bloomPlane, cx, 1.0f);
+      const float bloomMatte = readOr(bloomPlane, sx, 1.0f);
       const float defocusMatte = readOr(defocusPlane, sx, 1.0f);
       const float chromaticMatte = readOr(chromaticPlane, sx, 1.0f);
 
@@ -466,6 +466,8 @@ void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
 
 inline void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row,
                    int side) {
+  if (r <= x)
+    return;
   const NodeParameters& p = node.params;
   Iop* input = node.input(0);
 
@@ -497,7 +499,7 @@ inline void deepRowEngine(const tzVorel& node, int y, int x, int r, const Channe
   const int paddedTop = y + radius;
 
   DeepOp* deep = node.deepInput();
-  if (deep && input) {
+  if (deep && input && radius >= 0 && !node.kernelBank.empty()) {
     const Channel sampleDepthChannel =
         p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
     ChannelSet deepChannels = deep->deepInfo().channels();
