@@ -75,11 +75,11 @@ std::unique_ptr<OIIO::ImageInput> openInput(const std::string& path) {
   return in;
 }
 
-float sanitize(float v, std::size_t& nans) {
-  if (std::isnan(v)) {
+// NaNs are counted, not replaced: the node gives them a meaning of its own (a NaN depth is
+// infinitely far), and a renderer that rewrote them would change the result.
+float countNaN(float v, std::size_t& nans) {
+  if (std::isnan(v))
     ++nans;
-    return 0.0f;
-  }
   return v;
 }
 
@@ -216,7 +216,7 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
       for (int c = 0; c < nch; ++c) {
         float* dst = planes[std::size_t(c)] + row;
         for (std::size_t i = 0; i < w; ++i)
-          dst[i] = sanitize(line[i * nch + c], nans);
+          dst[i] = countNaN(line[i * nch + c], nans);
       }
     }
   };
@@ -294,7 +294,7 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
       const int n = dd.samples(p);
       for (int s = 0; s < n; ++s)
         for (int c = 0; c < nch; ++c)
-          image.samples[(first + s) * nch + c] = sanitize(dd.deep_value(p, c, s), nans);
+          image.samples[(first + s) * nch + c] = countNaN(dd.deep_value(p, c, s), nans);
     }
   }
   if (nanCount)

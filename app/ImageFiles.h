@@ -62,7 +62,7 @@ struct DeepImage {
 bool isDeepFile(const std::string& path);
 
 // Reading throws UsageError for a file that is missing or not an image of the kind asked for,
-// RenderError for one that fails while its pixels are decoded. NaN values are read as 0 and
+// RenderError for one that fails while its pixels are decoded. NaN values are kept as they are and
 // counted in *nanCount, when given; infinities are kept (a depth may well be infinite).
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr);
 // The same in two steps, for a caller that keeps pixels in planes of its own: the windows and

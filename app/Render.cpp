@@ -111,7 +111,7 @@ FlatSource loadFlat(const std::string& path, const RenderReport& report) {
   std::size_t nans = 0;
   readFlatPixels(path, planes, &nans);
   if (nans && report.warning)
-    report.warning(path + ": " + std::to_string(nans) + " NaN values read as 0");
+    report.warning(path + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
   return source;
 }
 
@@ -299,7 +299,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     std::size_t nans = 0;
     DeepImage d = readDeepImage(deepPath, &nans);
     if (nans)
-      warn(deepPath + ": " + std::to_string(nans) + " NaN values read as 0");
+      warn(deepPath + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
     if (input.empty()) {
       input0 = toHost(flattenDeep(d), deepPath);
       input0Name = deepPath + " (flattened)";

@@ -325,7 +325,7 @@ TEST(ImageFiles, BadFilesAndValues) {
   std::size_t nans = 0;
   const FlatImage back = readFlatImage(dir / "nan.exr", &nans);
   EXPECT_EQ(nans, 1u);
-  EXPECT_EQ(back.row(0, 0)[1], 0.0f);
+  EXPECT_TRUE(std::isnan(back.row(0, 0)[1]));  // the node decides what a NaN means
   EXPECT_EQ(back.row(4, 1)[2], INFINITY);  // an infinite depth is a depth
 
   // Writing into a directory that does not exist fails and leaves nothing.
