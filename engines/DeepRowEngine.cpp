@@ -11,6 +11,7 @@
 #include "DDImage/DeepPlane.h"
 #include "DDImage/Iop.h"
 #include "engines/DeepSamples.h"
+#include "engines/DeepSourceTable.h"
 #include "engines/Slices.h"
 #include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
@@ -108,8 +109,22 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     Row paddedInput(paddedLeft, paddedRight);
     Row paddedMattes(paddedLeft, paddedRight);
 
+    // The frame's table tells which deep pixels can reach this row at all; the others, and whole
+    // source rows of them, are passed over before they are fetched or cut into pieces.
+    const DeepSourceTable& table = node.deepSources;
+    const bool tabled = table.ready && paddedLeft >= table.left && paddedRight <= table.right &&
+                        table.rows == fh;
+    const std::size_t tableWidth = static_cast<std::size_t>(table.right - table.left);
+
     for (int sourceY = paddedBottom; sourceY <= paddedTop; ++sourceY) {
       const int pixelY = clampTo(sourceY, fh - 1);
+      const int distance = sourceY > y ? sourceY - y : y - sourceY;
+      const std::int32_t* reach = nullptr;
+      if (tabled && pixelY >= 0) {
+        if (table.rowReach[static_cast<std::size_t>(pixelY)] < distance)
+          continue;
+        reach = table.reach.data() + static_cast<std::size_t>(pixelY) * tableWidth;
+      }
       const int fetchLeft = std::max(0, std::min(fw, paddedLeft));
       const int fetchRight = std::max(0, std::min(fw, paddedRight));
 
@@ -137,6 +152,8 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
           node.useChromaticMatte ? paddedMattes[p.chromicAberrationMatteChannel] : nullptr;
 
       for (int sourceX = paddedLeft; sourceX < paddedRight; ++sourceX) {
+        if (reach && reach[sourceX - table.left] < distance)
+          continue;
         const int pixelX = clampTo(sourceX, fw - 1);
         if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() ||
             pixelY >= planeBox.t())

@@ -37,8 +37,9 @@ unsigned clampEntry(unsigned e, unsigned n) {
   return std::min(e, n - 1);
 }
 
-// The largest kernel half of any entry the splat may take for this CoC, whichever pass runs.
-std::int32_t kernelReach(const std::vector<Kernel>& bank, float coc) {
+}  // namespace
+
+std::int32_t flatKernelReach(const std::vector<Kernel>& bank, float coc) {
   const unsigned n = static_cast<unsigned>(bank.size());
   unsigned i = n - 1;
   const float index = floorf(coc);
@@ -51,6 +52,8 @@ std::int32_t kernelReach(const std::vector<Kernel>& bank, float coc) {
     reach = std::max(reach, static_cast<std::int32_t>(bank[e].half));
   return reach;
 }
+
+namespace {
 
 void buildRows(unsigned index, unsigned nThreads, void* data) {
   const Build& b = *static_cast<const Build*>(data);
@@ -107,7 +110,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
         t.reach[k] = -1;
         continue;
       }
-      std::int32_t reach = kernelReach(node.kernelBank, t.coc[k]);
+      std::int32_t reach = flatKernelReach(node.kernelBank, t.coc[k]);
       if (p.kChrAbb != 0.0f) {
         const float chromaticMatte = chromaticPlane ? chromaticPlane[sx] : 1.0f;
         const float spread = std::max(t.coc[k] * chromaticMatte * 0.5f - 1.0f, 0.0f);

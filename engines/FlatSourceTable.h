@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "lens/Kernel.h"
+
 class tzVorel;
 
 namespace vorel {
@@ -29,6 +31,10 @@ struct FlatSourceTable {
   }
   void clear();
 };
+
+// The largest kernel half of any bank entry the splat may take for this CoC, whichever of its
+// passes runs. Needs a bank that is not empty.
+std::int32_t flatKernelReach(const std::vector<Kernel>& bank, float coc);
 
 // Fills the table over the node's box padded by kernelRadius, on Thread::numCPUs threads. The
 // kernel bank must be made.

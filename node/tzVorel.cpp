@@ -96,6 +96,7 @@ void tzVorel::releaseKernels() {
   releaseKernelBank(kernelBank);
   masterKernel.clear();
   flatSources.clear();
+  deepSources.clear();
   kernelsReady_ = false;
 }
 
@@ -239,7 +240,9 @@ void tzVorel::_open() {
       kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
       Thread::spawn(kernelBankThread, Thread::numCPUs, this);
       Thread::wait(this);
-      if (!params.hasDeepInput)
+      if (params.hasDeepInput)
+        buildDeepSourceTable(*this, deepSources);
+      else
         buildFlatSourceTable(*this, flatSources);
       break;
     default:

@@ -12,6 +12,7 @@
 #include "DDImage/Knobs.h"
 #include "DDImage/MetaData.h"
 #include "DDImage/Row.h"
+#include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
 #include "lens/Kernel.h"
 #include "node/NodeParameters.h"
@@ -67,6 +68,7 @@ public:
   int maxCoC = 0;
   // Per-frame lens values of the flat source pixels, made with the kernel bank.
   vorel::FlatSourceTable flatSources;
+  vorel::DeepSourceTable deepSources;
 
 private:
   bool kernelsReady_ = false;

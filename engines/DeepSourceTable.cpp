@@ -1,0 +1,155 @@
+#include "engines/DeepSourceTable.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+#include "DDImage/Box.h"
+#include "DDImage/DeepOp.h"
+#include "DDImage/DeepPixel.h"
+#include "DDImage/DeepPlane.h"
+#include "DDImage/Iop.h"
+#include "DDImage/Row.h"
+#include "DDImage/Thread.h"
+#include "engines/DeepSamples.h"
+#include "engines/FlatSourceTable.h"
+#include "lens/CircleOfConfusion.h"
+#include "node/tzVorel.h"
+
+using namespace DD::Image;
+
+namespace vorel {
+
+namespace {
+
+constexpr std::int32_t kReachAll = INT_MAX / 2;
+
+struct Build {
+  const tzVorel* node;
+  DeepSourceTable* table;
+};
+
+void buildRows(unsigned index, unsigned nThreads, void* data) {
+  const Build& b = *static_cast<const Build*>(data);
+  const tzVorel& node = *b.node;
+  DeepSourceTable& t = *b.table;
+  const NodeParameters& p = node.params;
+  DeepOp* deep = node.deepInput();
+  Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
+  const Box format = node.formatBox();
+  const int fw = format.r() - format.x();
+  const std::size_t width = static_cast<std::size_t>(t.right - t.left);
+
+  const Channel depthChannel = p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
+  // Piece depths come from the samples' fronts and backs alone; the colour channels ride along.
+  ChannelSet deepChannels = deep->deepInfo().channels();
+  deepChannels &= p.vorelChannels;
+  deepChannels -= Chan_Z;
+  deepChannels += Chan_Alpha;
+  deepChannels += Chan_DeepFront;
+  deepChannels += Chan_DeepBack;
+
+  float farDepth = kFarLimit;
+  if (!p.realWorldLens)
+    farDepth = clampToRegion(p, farDepth);
+  DepthSide farSide;
+  const float backgroundCoC = std::max(depthToCoC(p, node.maxCoC, farDepth, farSide), 1.0f);
+
+  const float a = std::fabs(p.kChrAbb);
+  const float offset =
+      std::max({std::fabs(p.kChrAbbOff[0]), std::fabs(p.kChrAbbOff[1]), std::fabs(p.kChrAbbOff[2])});
+  const float shiftPerSpread = (a * offset + a * 0.5f) * 0.1f;
+  auto withShift = [&](std::int32_t reach, float coc, float chromaticMatte) {
+    if (p.kChrAbb == 0.0f)
+      return reach;
+    const float shift = shiftPerSpread * std::max(coc * chromaticMatte * 0.5f - 1.0f, 0.0f);
+    return shift < 1.0e6f ? reach + static_cast<std::int32_t>(shift) + 2 : kReachAll;
+  };
+
+  DeepPlane plane;
+  DeepOutPixel pieces;
+  for (int pixelY = static_cast<int>(index); pixelY < t.rows; pixelY += static_cast<int>(nThreads)) {
+    std::int32_t* reach = t.reach.data() + static_cast<std::size_t>(pixelY) * width;
+    std::fill(reach, reach + width, -1);
+    if (!deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
+      continue;
+    Row matteRow(t.left, t.right);
+    const float* defocusPlane = nullptr;
+    const float* chromaticPlane = nullptr;
+    if (matteInput) {
+      matteRow.get(*matteInput, pixelY, t.left, t.right, node.matteChannels);
+      if (node.useDefocusMatte)
+        defocusPlane = matteRow[p.defocusMatteChannel];
+      if (node.useChromaticMatte)
+        chromaticPlane = matteRow[p.chromicAberrationMatteChannel];
+    }
+    const Box planeBox = plane.box();
+    const ChannelMap& planeMap = plane.channels();
+    const ChannelSet planeChannels = planeMap.channelSet();
+    // The pixel's pieces, one column of the format at a time; the matte varies by source column.
+    std::vector<float> pieceCoCs;
+    int preparedX = INT_MIN;
+    std::int32_t rowReach = -1;
+    for (int sourceX = t.left; sourceX < t.right; ++sourceX) {
+      const int pixelX = std::max(0, std::min(fw - 1, sourceX));
+      if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() || pixelY >= planeBox.t())
+        continue;
+      if (pixelX != preparedX) {
+        pieceCoCs.clear();
+        pieces.clear();
+        prepareDeepSamples(planeChannels, plane.getPixel(pixelY, pixelX), pieces);
+        const DeepPixel view = pieces.getPixel(planeMap, DeepPixel::eZDescending);
+        for (std::size_t i = 0; i < view.getSampleCount(); ++i) {
+          float depth = view.getOrderedSample(i, depthChannel);
+          if (!p.realWorldLens)
+            depth = clampToRegion(p, depth);
+          DepthSide side;
+          pieceCoCs.push_back(depthToCoC(p, node.maxCoC, depth, side));
+        }
+        preparedX = pixelX;
+      }
+      const float defocusMatte = defocusPlane ? defocusPlane[sourceX] : 1.0f;
+      const float chromaticMatte = chromaticPlane ? chromaticPlane[sourceX] : 1.0f;
+      std::int32_t r = withShift(flatKernelReach(node.kernelBank, backgroundCoC), backgroundCoC, 1.0f);
+      for (const float coc : pieceCoCs) {
+        const float spread = std::max(coc * defocusMatte, 1.0f);
+        r = std::max(r, withShift(flatKernelReach(node.kernelBank, spread), spread, chromaticMatte));
+      }
+      reach[sourceX - t.left] = r;
+      rowReach = std::max(rowReach, r);
+    }
+    t.rowReach[static_cast<std::size_t>(pixelY)] = rowReach;
+  }
+}
+
+}  // namespace
+
+void DeepSourceTable::clear() {
+  ready = false;
+  std::vector<std::int32_t>().swap(reach);
+  std::vector<std::int32_t>().swap(rowReach);
+}
+
+void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table) {
+  table.clear();
+  if (!node.deepInput() || node.kernelBank.empty() || node.kernelRadius < 0)
+    return;
+  const int R = node.kernelRadius;
+  const DD::Image::Box box = node.info().box();
+  const Box format = node.formatBox();
+  table.left = box.x() - R;
+  table.right = box.r() + R;
+  table.rows = format.t() - format.y();
+  if (table.right <= table.left || table.rows <= 0 || format.r() <= format.x())
+    return;
+  const std::size_t rows = static_cast<std::size_t>(table.rows);
+  table.reach.resize(rows * static_cast<std::size_t>(table.right - table.left));
+  table.rowReach.assign(rows, -1);
+  Build build{&node, &table};
+  const unsigned threads = std::max(1u, std::min<unsigned>(Thread::numCPUs, static_cast<unsigned>(rows)));
+  Thread::spawn(buildRows, threads, &build);
+  Thread::wait(&build);
+  table.ready = true;
+}
+
+}  // namespace vorel

@@ -1,0 +1,29 @@
+#pragma once
+// How far the kernels of a deep pixel can reach, over all its pieces and its remainder: made once
+// per frame in _open, only read by rows, so that the 2R + 1 visits of each deep pixel skip the
+// preparation and the piece walk wherever nothing of it can land on the output row.
+
+#include <cstdint>
+#include <vector>
+
+class tzVorel;
+
+namespace vorel {
+
+struct DeepSourceTable {
+  bool ready = false;
+  int left = 0, right = 0;  // source columns [left, right)
+  int rows = 0;             // pixel rows [0, rows), as the engine clamps them to the format
+  // Rows from its own position an upper bound of what any piece or the remainder can reach,
+  // chromatic shift included; -1 where the row's fetch failed.
+  std::vector<std::int32_t> reach;
+  std::vector<std::int32_t> rowReach;
+
+  void clear();
+};
+
+// Fills the table over the node's box padded by kernelRadius, on Thread::numCPUs threads. The
+// kernel bank must be made.
+void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table);
+
+}  // namespace vorel
