@@ -85,6 +85,11 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   const bool tabled = table.ready && left >= table.left && right <= table.right &&
                       table.bottom == bottom && table.top == top;
 
+  // One source row and one matte row, refilled for each source row: a fetch overwrites the whole
+  // span of every channel it asks for.
+  Row sourceRow(left, right);
+  Row matteRow(left, right);
+
   for (int sy = y - R; sy <= y + R; ++sy) {
     // Rows beyond the box repeat its edge row, but spread from their own position.
     const int fy = std::max(bottom, std::min(top, sy));
@@ -92,13 +97,11 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     if (tabled && table.rowReach[static_cast<std::size_t>(fy - bottom)] < distance)
       continue;
 
-    Row sourceRow(left, right);
     sourceRow.get(*source, fy, left, right, sourceChannels);
     for (std::size_t k = 0; k < splatChannels.size(); ++k)
       colourPlanes[k] = sourceRow[splatChannels[k]];
     const float* depthPlane = sourceRow[depthChannel];
 
-    Row matteRow(left, right);
     const float* bloomPlane = nullptr;
     const float* defocusPlane = nullptr;
     const float* chromaticPlane = nullptr;

@@ -27,6 +27,8 @@ struct SplatContext {
   DD::Image::Box format;
   // Ascending: the channels of the request that have kernel planes and accumulators.
   std::vector<DD::Image::Channel> channelList;
+  // The plane of each bank entry for each channel of channelList: [entry * size + k], or null.
+  std::vector<const float*> kernelPlanes;
 };
 
 // splatPixel with the node's part and the channel walk prepared by the caller: same arguments in

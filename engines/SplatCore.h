@@ -1,0 +1,216 @@
+#pragma once
+// The body of splatPixel, inline, for the row engines' pixel loops and for the out-of-line forms
+// in Splat.cpp. Only engine sources include this.
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "DDImage/Box.h"
+#include "DDImage/Channel.h"
+#include "engines/OpticalArtefacts.h"
+#include "engines/Slices.h"
+#include "lens/Kernel.h"
+#include "node/NodeParameters.h"
+
+// Where the machine has AVX2 the accumulation runs eight floats wide, chosen once at load. Each
+// element is still one multiply and one add, rounded separately (no FMA: contraction is off), so
+// both clones give the same sums as the scalar loop.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define VOREL_WIDE_VECTORS __attribute__((target_clones("avx2", "default")))
+#else
+#define VOREL_WIDE_VECTORS
+#endif
+
+namespace vorel {
+namespace splatcore {
+
+// A moved position is kept within this distance of 0, so that a NaN or huge shift (a bad matte or
+// CoC) lands far outside every span instead of overflowing the integer arithmetic behind it.
+constexpr int kPositionLimit = 1 << 30;
+
+inline int truncatePosition(float v) {
+  if (!(v > -static_cast<float>(kPositionLimit)))
+    return -kPositionLimit;
+  if (!(v < static_cast<float>(kPositionLimit)))
+    return kPositionLimit;
+  return static_cast<int>(v);
+}
+
+inline float shiftBase(const NodeParameters& p, DD::Image::Channel c) {
+  const float a = p.kChrAbb;
+  switch (c) {
+    case DD::Image::Chan_Red: return std::fabs(a * p.kChrAbbOff[0]);
+    case DD::Image::Chan_Green: return a > 0.0f ? std::fabs(a * p.kChrAbbOff[1]) : 0.0f;
+    case DD::Image::Chan_Blue: return a < 0.0f ? std::fabs(a * p.kChrAbbOff[2]) : 0.0f;
+    default: return 0.0f;
+  }
+}
+
+inline int shiftedPosition(const NodeParameters& p, int position, DD::Image::Channel c, float spread) {
+  if (p.kChrAbb == 0.0f)
+    return position;
+  // The same shift goes to the column and the row: channels move along the image's diagonal.
+  const float shift = (shiftBase(p, c) - std::fabs(p.kChrAbb) * 0.5f) * spread * 0.1f;
+  return truncatePosition(static_cast<float>(position) + shift);
+}
+
+// The hot loop: both accumulators in one sweep, eight floats at a time, then four, then at most
+// three one by one. Each element is one multiply and one add as in the scalar loop, so every
+// width gives the same sums. Kernel rows are short (tens of floats), which is why the tail is cut
+// down to a four-wide step rather than left to a scalar loop of up to seven.
+typedef float Floats8 __attribute__((vector_size(32)));
+typedef float Floats4 __attribute__((vector_size(16)));
+
+template <class V>
+inline void accumulateVector(float* P, float* Q, const float* K, V cw, V w, int j) {
+  V k, p, q;
+  std::memcpy(&k, K + j, sizeof(V));
+  std::memcpy(&p, P + j, sizeof(V));
+  std::memcpy(&q, Q + j, sizeof(V));
+  p += cw * k;
+  q += w * k;
+  std::memcpy(P + j, &p, sizeof(V));
+  std::memcpy(Q + j, &q, sizeof(V));
+}
+
+inline void accumulate(float* __restrict P, float* __restrict Q, const float* __restrict K, float cw,
+                       float w, int count) {
+  int j = 0;
+  const Floats8 cw8 = {cw, cw, cw, cw, cw, cw, cw, cw};
+  const Floats8 w8 = {w, w, w, w, w, w, w, w};
+  for (; j + 8 <= count; j += 8)
+    accumulateVector(P, Q, K, cw8, w8, j);
+  if (j + 4 <= count) {
+    const Floats4 cw4 = {cw, cw, cw, cw};
+    const Floats4 w4 = {w, w, w, w};
+    accumulateVector(P, Q, K, cw4, w4, j);
+    j += 4;
+  }
+  for (; j < count; ++j) {
+    const float k = K[j];
+    P[j] += cw * k;
+    Q[j] += w * k;
+  }
+}
+
+// Walk: walk(entry, body) calls body(channel, plane) for each channel to splat, in ascending
+// order, with that channel's plane of kernelBank[entry] (null when the entry has none). Always
+// inlined, so that the AVX2 clone of its caller runs the accumulation eight wide.
+template <class Walk>
+__attribute__((always_inline)) inline void splat(
+    const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format, int pixelX,
+    int pixelY, int rowLeft, int rowY, int rowRight, int sourceX, int sourceY, float coc,
+    unsigned slice, float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
+    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk) {
+  if (n == 0)
+    return;
+  const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, pixelX, pixelY) : 0.0f;
+  const float strength = radial * bloomMatte;
+
+  // floor(coc) taken unsigned: negative, NaN and too large all mean "the last entry, alone".
+  unsigned i = n - 1;
+  int passes = 1;
+  float w0 = 1.0f;
+  const float index = floorf(coc);
+  if (index >= 0.0f && index < static_cast<float>(n)) {
+    i = static_cast<unsigned>(index);
+    passes = 2;
+    w0 = 1.0f - (coc - static_cast<float>(bank[i].width)) * 0.5f;
+  }
+
+  const float spread = std::max(coc * chromaticMatte * 0.5f - 1.0f, 0.0f);
+  const bool shifted = p.kChrAbb != 0.0f;
+  const bool bloomOnly = p.outputType == OutputLensBloom;
+  const float threshold = p.bloomThreshold;
+  const ChannelPlanes& colourPlanes = sliceColourPlanes[slice];
+  const ChannelPlanes& weightPlanes = sliceWeightPlanes[slice];
+
+  auto spreadValue = [&](DD::Image::Channel c) {
+    float value = colours[c];
+    if (c >= DD::Image::Chan_Red && c <= DD::Image::Chan_Blue) {
+      const float b = std::max(0.0f, value - threshold) * strength;
+      value = bloomOnly ? b : value + b;
+    }
+    return value;
+  };
+
+  for (int pass = 0; pass < passes; ++pass) {
+    const float w = (pass == 0 ? w0 : 1.0f - w0) * sampleWeight;
+    if (w <= 0.0f) {
+      i += 2;
+      continue;
+    }
+    unsigned e = i;
+    if (e >= n)
+      e = n - 1;
+    if (e == 0)
+      e = 1;  // entry 0 is never spread
+    if (e >= n)
+      e = n - 1;  // a one-entry bank has nothing else to offer
+    i = e + 2;
+    const int h = bank[e].half;
+    const int width = bank[e].width;
+
+    if (!shifted) {
+      // Every channel has the same position, so the culling and clipping are worked out once;
+      // most sources that don't reach this row leave here, before the channel walk.
+      const int dy = sourceY - rowY;
+      if (dy > h || dy < -h || sourceX - rowRight > h || rowLeft - sourceX > h)
+        continue;
+      const int left = std::min(sourceX - rowLeft - h, 0);
+      const int koff = (dy + h) * width - left;
+      const int start = std::max(sourceX - h, rowLeft);
+      int count = width + left;
+      if (start + count > rowRight)
+        count = rowRight - start;
+      if (count <= 0)
+        continue;
+      walk(e, [&](DD::Image::Channel c, const float* K) {
+        float* P = colourPlanes[c];
+        float* Q = weightPlanes[c];
+        if (!K || !P || !Q)
+          return;
+        accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
+      });
+      continue;
+    }
+
+    walk(e, [&](DD::Image::Channel c, const float* K) {
+      const int sx = shiftedPosition(p, sourceX, c, spread);
+      const int sy = shiftedPosition(p, sourceY, c, spread);
+      const int dy = sy - rowY;
+      if (dy > h || dy < -h || sx - rowRight > h || rowLeft - sx > h)
+        return;
+      const int left = std::min(sx - rowLeft - h, 0);
+      const int koff = (dy + h) * width - left;
+      const int start = std::max(sx - h, rowLeft);
+      int count = width + left;
+      if (start + count > rowRight)
+        count = rowRight - start;
+      if (count <= 0)
+        return;
+      float* P = colourPlanes[c];
+      float* Q = weightPlanes[c];
+      if (!K || !P || !Q)
+        return;
+      accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
+    });
+  }
+}
+
+// The walk over a channel list prepared once per row, with a table of every bank entry's plane
+// for each listed channel: no channel set and no plane lookup in the pixel loop.
+struct PreparedWalk {
+  const DD::Image::Channel* channels;
+  std::size_t count;
+  const float* const* planes;  // planes[entry * count + k]
+  template <class Body> void operator()(unsigned entry, Body&& body) const {
+    const float* const* row = planes + static_cast<std::size_t>(entry) * count;
+    for (std::size_t k = 0; k < count; ++k)
+      body(channels[k], row[k]);
+  }
+};
+
+}  // namespace splatcore
+}  // namespace vorel
