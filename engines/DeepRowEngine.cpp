@@ -121,9 +121,10 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       const int distance = sourceY > y ? sourceY - y : y - sourceY;
       const std::int32_t* reach = nullptr;
       if (tabled && pixelY >= 0) {
-        if (table.rowReach[static_cast<std::size_t>(pixelY)] < distance)
+        const bool allPieces = side == DepthSideNone;
+        if ((allPieces ? table.rowReach : table.rowReachSided)[static_cast<std::size_t>(pixelY)] < distance)
           continue;
-        reach = table.reach.data() + static_cast<std::size_t>(pixelY) * tableWidth;
+        reach = (allPieces ? table.reach : table.reachSided).data() + static_cast<std::size_t>(pixelY) * tableWidth;
       }
       const int fetchLeft = std::max(0, std::min(fw, paddedLeft));
       const int fetchRight = std::max(0, std::min(fw, paddedRight));

@@ -23,6 +23,8 @@ namespace vorel {
 namespace {
 
 constexpr std::int32_t kReachAll = INT_MAX / 2;
+// The engine's walk through a pixel stops once less than this is left uncovered.
+constexpr float kOpaque = 1e-6f;
 
 struct Build {
   const tzVorel* node;
@@ -71,6 +73,8 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
   for (int pixelY = static_cast<int>(index); pixelY < t.rows; pixelY += static_cast<int>(nThreads)) {
     std::int32_t* reach = t.reach.data() + static_cast<std::size_t>(pixelY) * width;
     std::fill(reach, reach + width, -1);
+    std::fill(t.reachSided.data() + static_cast<std::size_t>(pixelY) * width,
+              t.reachSided.data() + static_cast<std::size_t>(pixelY + 1) * width, -1);
     if (!deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
       continue;
     Row matteRow(t.left, t.right);
@@ -88,8 +92,10 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
     const ChannelSet planeChannels = planeMap.channelSet();
     // The pixel's pieces, one column of the format at a time; the matte varies by source column.
     std::vector<float> pieceCoCs;
+    std::size_t walked = 0;  // pieces the walk over all of them spreads before it stops
+    bool remainder = true;
     int preparedX = INT_MIN;
-    std::int32_t rowReach = -1;
+    std::int32_t rowReach = -1, rowReachSided = -1;
     for (int sourceX = t.left; sourceX < t.right; ++sourceX) {
       const int pixelX = std::max(0, std::min(fw - 1, sourceX));
       if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() || pixelY >= planeBox.t())
@@ -99,26 +105,49 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
         pieces.clear();
         prepareDeepSamples(planeChannels, plane.getPixel(pixelY, pixelX), pieces);
         const DeepPixel view = pieces.getPixel(planeMap, DeepPixel::eZDescending);
+        // The same walk as the engine's with every piece taken: where it stops, and whether a
+        // remainder follows.
+        float transmittance = 1.0f;
+        float coveredAlpha = 0.0f;
+        walked = view.getSampleCount();
         for (std::size_t i = 0; i < view.getSampleCount(); ++i) {
           float depth = view.getOrderedSample(i, depthChannel);
           if (!p.realWorldLens)
             depth = clampToRegion(p, depth);
           DepthSide side;
           pieceCoCs.push_back(depthToCoC(p, node.maxCoC, depth, side));
+          if (i >= walked)
+            continue;
+          const float alpha = view.getOrderedSample(i, Chan_Alpha);
+          const float weight = alpha * transmittance;
+          coveredAlpha += weight;
+          transmittance = 1.0f - coveredAlpha;
+          if (kOpaque > transmittance)
+            walked = i + 1;
         }
+        remainder = 1.0f > coveredAlpha;
         preparedX = pixelX;
       }
       const float defocusMatte = defocusPlane ? defocusPlane[sourceX] : 1.0f;
       const float chromaticMatte = chromaticPlane ? chromaticPlane[sourceX] : 1.0f;
-      std::int32_t r = withShift(flatKernelReach(node.kernelBank, backgroundCoC), backgroundCoC, 1.0f);
-      for (const float coc : pieceCoCs) {
-        const float spread = std::max(coc * defocusMatte, 1.0f);
-        r = std::max(r, withShift(flatKernelReach(node.kernelBank, spread), spread, chromaticMatte));
+      const std::int32_t background =
+          withShift(flatKernelReach(node.kernelBank, backgroundCoC), backgroundCoC, 1.0f);
+      std::int32_t r = remainder ? background : -1;
+      std::int32_t sided = background;
+      for (std::size_t i = 0; i < pieceCoCs.size(); ++i) {
+        const float coc = std::max(pieceCoCs[i] * defocusMatte, 1.0f);
+        const std::int32_t pieceReach = withShift(flatKernelReach(node.kernelBank, coc), coc, chromaticMatte);
+        sided = std::max(sided, pieceReach);
+        if (i < walked)
+          r = std::max(r, pieceReach);
       }
+      t.reachSided[static_cast<std::size_t>(pixelY) * width + static_cast<std::size_t>(sourceX - t.left)] = sided;
+      rowReachSided = std::max(rowReachSided, sided);
       reach[sourceX - t.left] = r;
       rowReach = std::max(rowReach, r);
     }
     t.rowReach[static_cast<std::size_t>(pixelY)] = rowReach;
+    t.rowReachSided[static_cast<std::size_t>(pixelY)] = rowReachSided;
   }
 }
 
@@ -128,6 +157,8 @@ void DeepSourceTable::clear() {
   ready = false;
   std::vector<std::int32_t>().swap(reach);
   std::vector<std::int32_t>().swap(rowReach);
+  std::vector<std::int32_t>().swap(reachSided);
+  std::vector<std::int32_t>().swap(rowReachSided);
 }
 
 void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table) {
@@ -145,6 +176,8 @@ void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table) {
   const std::size_t rows = static_cast<std::size_t>(table.rows);
   table.reach.resize(rows * static_cast<std::size_t>(table.right - table.left));
   table.rowReach.assign(rows, -1);
+  table.reachSided.resize(table.reach.size());
+  table.rowReachSided.assign(rows, -1);
   Build build{&node, &table};
   const unsigned threads = std::max(1u, std::min<unsigned>(Thread::numCPUs, static_cast<unsigned>(rows)));
   Thread::spawn(buildRows, threads, &build);

@@ -14,10 +14,15 @@ struct DeepSourceTable {
   bool ready = false;
   int left = 0, right = 0;  // source columns [left, right)
   int rows = 0;             // pixel rows [0, rows), as the engine clamps them to the format
-  // Rows from its own position an upper bound of what any piece or the remainder can reach,
-  // chromatic shift included; -1 where the row's fetch failed.
+  // Rows from its own position an upper bound of what the walk over all pieces (side 0) spreads:
+  // the pieces up to where it stops and the remainder if one is left, chromatic shift included;
+  // -1 where nothing is spread or the row's fetch failed.
   std::vector<std::int32_t> reach;
   std::vector<std::int32_t> rowReach;
+  // The same for a walk over one side's pieces, which may run further and leave a remainder:
+  // every piece and the remainder.
+  std::vector<std::int32_t> reachSided;
+  std::vector<std::int32_t> rowReachSided;
 
   void clear();
 };
