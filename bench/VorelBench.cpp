@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -338,6 +339,7 @@ void accumulationFloor(benchmark::State& state) {
 
 struct Best {
   double seconds = 0.0;
+  double cpu = 0.0;  // of all threads, in the fastest repetition
   double rows = 0.0;
   int count = 0;
 };
@@ -352,8 +354,10 @@ public:
         continue;
       const double seconds = run.GetAdjustedRealTime() * benchmark::GetTimeUnitMultiplier(run.time_unit);
       Best& b = best[run.run_name.function_name + "/" + run.run_name.args];
-      if (b.count == 0 || seconds < b.seconds)
+      if (b.count == 0 || seconds < b.seconds) {
         b.seconds = seconds;
+        b.cpu = run.GetAdjustedCPUTime() * benchmark::GetTimeUnitMultiplier(run.time_unit);
+      }
       auto rows = run.counters.find("rows");
       if (rows != run.counters.end())
         b.rows = rows->second.value;
@@ -412,8 +416,8 @@ void printTable(const TableReporter& reporter, const EndToEnd& e2e, unsigned e2e
     return it == reporter.best.end() ? nullptr : &it->second;
   };
   auto key = [](const std::string& c, unsigned t) { return c + "/threads:" + std::to_string(t); };
-  std::printf("\n%-22s %7s %9s %9s %14s %12s\n", "case", "threads", "wall s", "rows/s", "x floor",
-              "speed-up");
+  std::printf("\n%-22s %7s %9s %9s %9s %9s %9s\n", "case", "threads", "wall s", "cpu s", "rows/s",
+              "x floor", "speed-up");
   std::vector<std::string> names;
   for (const Case& c : cases())
     names.push_back(std::string("Frame/") + c.name);
@@ -430,13 +434,17 @@ void printTable(const TableReporter& reporter, const EndToEnd& e2e, unsigned e2e
         std::snprintf(ratio, sizeof ratio, "%.2f", b->seconds / floorRun->seconds);
       if (one && t != 1)
         std::snprintf(speed, sizeof speed, "%.2f", one->seconds / b->seconds);
-      std::printf("%-22s %7u %9.3f %9.1f %14s %12s\n", name.c_str(), t, b->seconds,
+      std::printf("%-22s %7u %9.3f %9.3f %9.1f %9s %9s\n", name.c_str(), t, b->seconds, b->cpu,
                   b->rows / b->seconds, ratio, speed);
     }
   const Best* flat = find(key("Frame/DefocusedImage", 2));
   const Best* deep = find(key("Frame/Deep", 2));
   if (flat && deep)
     std::printf("deep / flat at 2 threads: %.2f\n", deep->seconds / flat->seconds);
+  double load[3] = {0, 0, 0};
+  if (getloadavg(load, 3) == 3)
+    std::printf("load average now: %.2f %.2f %.2f (wall times are only as good as the cores were free;"
+                " cpu s is the sum over threads)\n", load[0], load[1], load[2]);
   if (e2e.ran) {
     const double pixels = double(options.width) * options.height;
     const double ioBytes = pixels * 5 * 4 * 2;  // R G B A Z in, the same out, as float
