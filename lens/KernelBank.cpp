@@ -40,38 +40,37 @@ void resampleKernel(Kernel& destination, int size, Channel channel, const Kernel
   const float scaleX = static_cast<float>(W) / static_cast<float>(size);
   const float scaleY = static_cast<float>(H) / static_cast<float>(size);
 
-  // The column geometry is the same for every row: work it out once per plane.
-  // A column that the zero rule blanks has no neighbourhood.
-  struct Column {
-    int taps[4];  // source columns ix - 1 .. ix + 2, edge repeated
-    float fraction;
-    bool blank;
-  };
-  std::vector<Column> columns(static_cast<std::size_t>(size));
-  int firstTap = W, lastTap = -1;
+  // The column geometry is the same for every row: work it out once per plane. The source
+  // index never decreases with x, so the columns that escape the zero rule form one run
+  // [firstColumn, endColumn). The index is taken in double precision, the fraction in single:
+  // the two may disagree by a rounding step, and each is kept as it comes out.
+  std::vector<int> firstTap(static_cast<std::size_t>(size));  // ix - 1
+  std::vector<float> fraction(static_cast<std::size_t>(size));
+  int firstColumn = size, endColumn = size;
   for (int x = 0; x < size; ++x) {
-    Column& column = columns[static_cast<std::size_t>(x)];
-    // The source index is taken in double precision, the fraction in single: the two may
-    // disagree by a rounding step, and each is kept as it comes out.
     const int ix = static_cast<int>((static_cast<double>(x) + 0.5) * static_cast<double>(scaleX));
-    column.blank = ix < 1 || ix >= W;
-    column.fraction = (static_cast<float>(x) + 0.5f) * scaleX - static_cast<float>(ix);
-    if (column.blank)
+    if (ix < 1)
       continue;
-    for (int k = 0; k < 4; ++k)
-      column.taps[k] = std::min(W - 1, std::max(ix - 1 + k, 0));
-    firstTap = std::min(firstTap, column.taps[0]);
-    lastTap = std::max(lastTap, column.taps[3]);
+    if (ix >= W) {
+      endColumn = x;
+      break;
+    }
+    if (firstColumn == size)
+      firstColumn = x;
+    firstTap[static_cast<std::size_t>(x)] = ix - 1;
+    fraction[static_cast<std::size_t>(x)] = (static_cast<float>(x) + 0.5f) * scaleX - static_cast<float>(ix);
   }
+  if (endColumn < firstColumn)
+    endColumn = firstColumn;
 
   // Interpolating along y first gives one value per source column; each is computed once per
   // row and shared by every destination column that reads it, with the same operations as if
-  // it were taken per pixel.
-  std::vector<float> alongY(static_cast<std::size_t>(W));
+  // it were taken per pixel. Two more slots repeat the last column, as the edge rule does.
+  std::vector<float> alongY(static_cast<std::size_t>(W) + 2);
   for (int y = 0; y < size; ++y) {
     float* out = plane.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(size);
     const int iy = static_cast<int>((static_cast<double>(y) + 0.5) * static_cast<double>(scaleY));
-    if (iy < 1 || iy >= H || lastTap < 0) {
+    if (iy < 1 || iy >= H) {
       std::fill(out, out + size, 0.0f);
       continue;
     }
@@ -81,15 +80,17 @@ void resampleKernel(Kernel& destination, int size, Channel channel, const Kernel
       const int r = std::min(H - 1, std::max(iy - 1 + k, 0));
       rows[k] = source + static_cast<std::size_t>(r) * static_cast<std::size_t>(W);
     }
-    for (int c = firstTap; c <= lastTap; ++c)
-      alongY[static_cast<std::size_t>(c)] = catmullRom(rows[0][c], rows[1][c], rows[2][c], rows[3][c], ty);
-    const float* v = alongY.data();
-    for (int x = 0; x < size; ++x) {
-      const Column& column = columns[static_cast<std::size_t>(x)];
-      out[x] = column.blank ? 0.0f
-                            : catmullRom(v[column.taps[0]], v[column.taps[1]], v[column.taps[2]],
-                                         v[column.taps[3]], column.fraction);
+    float* v = alongY.data();
+    for (int c = 0; c < W; ++c)
+      v[c] = catmullRom(rows[0][c], rows[1][c], rows[2][c], rows[3][c], ty);
+    v[W] = v[W + 1] = v[W - 1];
+
+    std::fill(out, out + firstColumn, 0.0f);
+    for (int x = firstColumn; x < endColumn; ++x) {
+      const float* tap = v + firstTap[static_cast<std::size_t>(x)];
+      out[x] = catmullRom(tap[0], tap[1], tap[2], tap[3], fraction[static_cast<std::size_t>(x)]);
     }
+    std::fill(out + endColumn, out + size, 0.0f);
   }
 }
 
