@@ -102,6 +102,26 @@ TEST(FlatDefocus, FlatDepthKeepsConstantsAndRampsAwayFromTheBorders) {
       ASSERT_NEAR(out.at(x, y, Chan_Blue), colourAt(x, y, Chan_Blue), 2e-4f) << x << "," << y;
   // Near the border the repeated edge pulls the ramp toward the edge value.
   EXPECT_GT(out.at(0, 16, Chan_Blue), colourAt(0, 16, Chan_Blue) + 0.005f);
+
+  // Noise keeps its mean colour away from the borders.
+  std::mt19937 random(3);
+  std::uniform_real_distribution<float> value(0.0f, 1.0f);
+  std::vector<float> noise(64 * 48);
+  for (float& v : noise)
+    v = value(random);
+  Scene noisy(64, 48, [&](int x, int y, Channel z) {
+    return z == Chan_Z ? kFar : noise[static_cast<std::size_t>(y * 64 + x)];
+  });
+  const Image blurred = noisy.render();
+  double before = 0.0, after = 0.0;
+  int pixels = 0;
+  for (int y = 12; y < 36; ++y)
+    for (int x = 12; x < 52; ++x, ++pixels) {
+      before += noise[static_cast<std::size_t>(y * 64 + x)];
+      after += blurred.at(x, y, Chan_Green);
+    }
+  EXPECT_NEAR(after / pixels, before / pixels, 0.01);
+  EXPECT_LT(std::fabs(blurred.at(30, 24, Chan_Green) - blurred.at(31, 24, Chan_Green)), 0.1f);
 }
 
 TEST(FlatDefocus, BrightPixelSpreadsIntoTheKernelAroundItself) {
@@ -222,6 +242,31 @@ TEST(FlatLayers, FrontAndBackKeepTheirOwnSide) {
   // Away from the boundary each side is the whole image's own result.
   EXPECT_FLOAT_EQ(near.at(5, 6, Chan_Red), all.at(5, 6, Chan_Red));
   EXPECT_FLOAT_EQ(far.at(32, 6, Chan_Red), all.at(32, 6, Chan_Red));
+}
+
+TEST(FlatLayers, ChromaticShiftDoesNotWidenTheReach) {
+  // One green pixel on black, CoC 40: kernelRadius is 22 rows. A shift of 9 stays within it; a
+  // shift of 47 would carry the pixel to rows no output row visits it from, so it is lost.
+  for (const auto& [offset, lands] : {std::pair<double, bool>{1.0, true}, {3.0, false}}) {
+    SCOPED_TRACE(offset);
+    Scene s(80, 80, [](int x, int y, Channel z) {
+      if (z == Chan_Z)
+        return kFar;
+      return x == 10 && y == 10 && z == Chan_Green ? 1.0f : 0.0f;
+    }, 40.0f);
+    setKnob(*s.node, "kChrAbb", 10);
+    setKnob(*s.node, "kChrAbbOff", offset, 1);
+    const Image out = s.render();
+    ASSERT_EQ(s.node->kernelRadius, 22);
+    double green = 0.0;
+    for (int y = 0; y < 80; ++y)
+      for (int x = 0; x < 80; ++x)
+        green += out.at(x, y, Chan_Green);
+    if (lands)
+      EXPECT_GT(green, 0.5);
+    else
+      EXPECT_EQ(green, 0.0);
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
