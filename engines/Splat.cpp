@@ -37,7 +37,10 @@ SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<K
 }
 
 SplatContext::SplatContext(const tzVorel& node, const ChannelSet& channels)
-    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {}
+    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {
+  if (node.kernelSpans.ready && node.kernelSpans.offsets.size() == node.kernelBank.size())
+    spans = &node.kernelSpans;
+}
 
 VOREL_WIDE_VECTORS
 void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
@@ -48,7 +51,7 @@ void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft
                           context.kernelPlanes.data()};
   splat(context.params, context.bank, context.bankSize, context.format, pixelX, pixelY, rowLeft, rowY,
         rowRight, sourceX, sourceY, coc, slice, sampleWeight, colours, sliceColourPlanes,
-        sliceWeightPlanes, bloomMatte, chromaticMatte, walk);
+        sliceWeightPlanes, bloomMatte, chromaticMatte, walk, context.spans);
 }
 
 void splatPixel(const tzVorel& node, int pixelX, int pixelY, int rowLeft, int rowY, int rowRight,
