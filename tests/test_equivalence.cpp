@@ -29,7 +29,7 @@ float hash01(int x, int y, int salt) {
 }
 
 // Depth in centimetres: a far wall, a floor coming closer, two discs, a hole of "infinitely far"
-// and a NaN; colours with highlights well above the bloom threshold.
+// and a NaN; colours with highlights well above the bloom threshold, one NaN and one infinite.
 float sceneDepth(int x, int y) {
   if (x == 7 && y == 9)
     return NAN;
@@ -49,6 +49,9 @@ float sceneValue(int x, int y, Channel z) {
     return sceneDepth(x, y);
   if (z == Chan_Alpha)
     return 0.5f + 0.5f * hash01(x, y, 9);
+  // Values that zero kernel columns must not hide: 0 times them is NaN.
+  if (x == 25 && y == 20)
+    return z == Chan_Red ? NAN : INFINITY;
   const float v = hash01(x, y, int(z));
   return (x * 7 + y * 3) % 23 == 0 ? 4.0f + 16.0f * v : v;
 }
@@ -77,7 +80,13 @@ std::vector<Variant> variants() {
       {"lens_back", with({{"focusOutput", 2}, {"correctiveSlices", 3}}), false},
       {"lens_one_slice", with({{"correctiveSlices", 1}}), false},
       {"lens_mattes", with({{"bloom", 1}, {"kChrAbb", 8}}), true},
-      {"artistic", {{"focalPlane", 300}, {"focusRegionSize", 50}, {"multiplier", 0.05}, {"max_kernelsize", 12}}, false},
+      {"artistic", {{"focalPlane", 300}, {"focusRegionSize", 50}, {"multiplier", 5}, {"max_kernelsize", 12}}, false},
+      // Blur wide enough for kernels with zero corners.
+      {"artistic_wide", {{"focalPlane", 100}, {"focusRegionSize", 200}, {"multiplier", 15}, {"max_kernelsize", 16}}, false},
+      {"artistic_wide_blades",
+       {{"focalPlane", 100}, {"focusRegionSize", 200}, {"multiplier", 15}, {"max_kernelsize", 16}, {"kernelType", 2},
+        {"kChrAbb", 4}, {"bloom", 1}},
+       false},
       {"artistic_inverse_depth",
        {{"depthStyle", 1}, {"focalPlane", 0.004}, {"focusRegionSize", 0.001}, {"max_kernelsize", 10}},
        false},
@@ -167,6 +176,10 @@ void checkAll(bool deep, const std::vector<std::pair<const char*, double>>& extr
       for (const auto& k : extra)
         setKnob(*node, k.first, k.second);
       node->validate(true);
+      if (v.name.rfind("artistic_wide", 0) == 0 && type == OutputDefocusedImage) {
+        host::prepare(*node, node->info().box(), rgbaz());
+        EXPECT_GE(node->maxCoC, 12) << v.name;
+      }
       const std::string what = (deep ? "deep " : "flat ") + v.name + " type " + std::to_string(type);
       ChannelSet channels = rgbaz();
       expectSame(*node, node->info().box(), channels, what);
