@@ -233,7 +233,6 @@ void accumulationFloor(benchmark::State& state) {
   const tzVorel& node = *setup.node;
   const vorel::NodeParameters& p = node.params;
   const auto& bank = node.kernelBank;
-  const vorel::KernelSpans& spans = node.kernelSpans;
   const unsigned n = unsigned(bank.size());
   const int W = setup.box.w(), H = setup.box.h(), R = std::max(0, node.kernelRadius);
   const int N = std::max(1, p.correctiveSlices);
@@ -310,18 +309,6 @@ void accumulationFloor(benchmark::State& state) {
               count = W - start;
             if (count <= 0)
               continue;
-            // Less the columns where the entry is zero, as the splat leaves them out (the scene's
-            // colours are all finite).
-            if (spans.ready) {
-              const std::int32_t* span = spans.row(unsigned(v.entry), dy + h);
-              const int from = std::max(-left, span[0]);
-              const int to = std::min(-left + count, span[1]);
-              if (to <= from)
-                continue;
-              start += from + left;
-              koff += from + left;
-              count = to - from;
-            }
             float* slice = base + std::size_t(v.slice) * 8 * W;
             for (int c = 0; c < 4; ++c)
               vorel::accumulateKernelRow(slice + std::size_t(c) * W + start, slice + std::size_t(4 + c) * W + start,

@@ -37,10 +37,7 @@ SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<K
 }
 
 SplatContext::SplatContext(const tzVorel& node, const ChannelSet& channels)
-    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {
-  if (node.kernelSpans.ready && node.kernelSpans.offsets.size() == node.kernelBank.size())
-    spans = &node.kernelSpans;
-}
+    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {}
 
 VOREL_WIDE_VECTORS
 void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
@@ -51,7 +48,7 @@ void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft
                           context.kernelPlanes.data()};
   splat(context.params, context.bank, context.bankSize, context.format, pixelX, pixelY, rowLeft, rowY,
         rowRight, sourceX, sourceY, coc, slice, sampleWeight, colours, sliceColourPlanes,
-        sliceWeightPlanes, bloomMatte, chromaticMatte, walk, context.spans);
+        sliceWeightPlanes, bloomMatte, chromaticMatte, walk);
 }
 
 void splatPixel(const tzVorel& node, int pixelX, int pixelY, int rowLeft, int rowY, int rowRight,

@@ -6,7 +6,6 @@
 
 #include "DDImage/Box.h"
 #include "DDImage/ChannelSet.h"
-#include "engines/KernelSpans.h"
 #include "engines/Slices.h"
 #include "lens/Kernel.h"
 #include "node/NodeParameters.h"
@@ -30,8 +29,6 @@ struct SplatContext {
   std::vector<DD::Image::Channel> channelList;
   // The plane of each bank entry for each channel of channelList: [entry * size + k], or null.
   std::vector<const float*> kernelPlanes;
-  // The bank's non-zero spans when the node has made them for this bank; null otherwise.
-  const KernelSpans* spans = nullptr;
 };
 
 // splatPixel with the node's part and the channel walk prepared by the caller: same arguments in

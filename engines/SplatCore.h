@@ -8,7 +8,6 @@
 
 #include "DDImage/Box.h"
 #include "DDImage/Channel.h"
-#include "engines/KernelSpans.h"
 #include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
 #include "lens/Kernel.h"
@@ -95,24 +94,6 @@ inline void accumulate(float* __restrict P, float* __restrict Q, const float* __
   }
 }
 
-// One kernel row into both accumulators, less the columns where the entry is zero in every
-// plane: those add +0 or -0, which leaves an accumulator as it is (it starts at +0, and a
-// round-to-nearest sum is never -0). Not so when cw or w is infinite or NaN, as 0 times that is
-// NaN: then the whole row is added. K, P and Q point at kernel column `column`.
-inline void accumulateRow(float* P, float* Q, const float* K, float cw, float w, int count,
-                          const std::int32_t* span, int column) {
-  if (span && std::isfinite(cw) && std::isfinite(w)) {
-    const int from = std::max(column, span[0]);
-    const int to = std::min(column + count, span[1]);
-    if (to <= from)
-      return;
-    const int skip = from - column;
-    accumulate(P + skip, Q + skip, K + skip, cw, w, to - from);
-    return;
-  }
-  accumulate(P, Q, K, cw, w, count);
-}
-
 // Walk: walk(entry, body) calls body(channel, plane) for each channel to splat, in ascending
 // order, with that channel's plane of kernelBank[entry] (null when the entry has none). Always
 // inlined, so that the AVX2 clone of its caller runs the accumulation eight wide.
@@ -121,8 +102,7 @@ __attribute__((always_inline)) inline void splat(
     const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format, int pixelX,
     int pixelY, int rowLeft, int rowY, int rowRight, int sourceX, int sourceY, float coc,
     unsigned slice, float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
-    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk,
-    const KernelSpans* spans = nullptr) {
+    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk) {
   if (n == 0)
     return;
   const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, pixelX, pixelY) : 0.0f;
@@ -186,13 +166,12 @@ __attribute__((always_inline)) inline void splat(
         count = rowRight - start;
       if (count <= 0)
         continue;
-      const std::int32_t* span = spans ? spans->row(e, dy + h) : nullptr;
       walk(e, [&](DD::Image::Channel c, const float* K) {
         float* P = colourPlanes[c];
         float* Q = weightPlanes[c];
         if (!K || !P || !Q)
           return;
-        accumulateRow(P + start, Q + start, K + koff, spreadValue(c) * w, w, count, span, -left);
+        accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
       });
       continue;
     }
@@ -215,8 +194,7 @@ __attribute__((always_inline)) inline void splat(
       float* Q = weightPlanes[c];
       if (!K || !P || !Q)
         return;
-      accumulateRow(P + start, Q + start, K + koff, spreadValue(c) * w, w, count,
-                    spans ? spans->row(e, dy + h) : nullptr, -left);
+      accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
     });
   }
 }

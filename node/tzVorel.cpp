@@ -97,7 +97,6 @@ void tzVorel::releaseKernels() {
   masterKernel.clear();
   flatSources.clear();
   deepSources.clear();
-  kernelSpans.clear();
   kernelsReady_ = false;
 }
 
@@ -241,7 +240,6 @@ void tzVorel::_open() {
       kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
       Thread::spawn(kernelBankThread, Thread::numCPUs, this);
       Thread::wait(this);
-      buildKernelSpans(kernelBank, kernelSpans);
       if (params.hasDeepInput)
         buildDeepSourceTable(*this, deepSources);
       else

@@ -14,7 +14,6 @@
 #include "DDImage/Row.h"
 #include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
-#include "engines/KernelSpans.h"
 #include "lens/Kernel.h"
 #include "node/NodeParameters.h"
 
@@ -70,7 +69,6 @@ public:
   // Per-frame lens values of the flat source pixels, made with the kernel bank.
   vorel::FlatSourceTable flatSources;
   vorel::DeepSourceTable deepSources;
-  vorel::KernelSpans kernelSpans;
 
 private:
   bool kernelsReady_ = false;
