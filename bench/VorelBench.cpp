@@ -1,6 +1,6 @@
-// Full-frame renders through the host's protocol, timed as `vorel render` renders: validate,
-// request, open, then every row of the box on N threads taking rows in turn, each row through
-// Iop::engine into a Row and copied out. File reading and writing is left out of these timings;
+// Full-frame renders through the host's protocol as `vorel render` drives it: validated once, then
+// per frame request, open (kernel bank and per-frame tables included) and every row of the box on
+// N threads taking rows in turn, each row through Iop::engine into a Row and copied out. File reading and writing is left out of these timings;
 // the end-to-end `vorel render` run at the end (wall time and peak memory) has it.
 //
 // Beside the frames, the accumulation floor: every kernel row the flat frame adds, replayed into
