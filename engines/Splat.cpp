@@ -51,22 +51,4 @@ void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft
         sliceWeightPlanes, bloomMatte, chromaticMatte, walk);
 }
 
-void splatPixel(const tzVorel& node, int pixelX, int pixelY, int rowLeft, int rowY, int rowRight,
-                int sourceX, int sourceY, float coc, unsigned slice, float sampleWeight,
-                const float* colours, const ChannelPlanes* sliceColourPlanes,
-                const ChannelPlanes* sliceWeightPlanes, const ChannelSet& channels,
-                float bloomMatte, float chromaticMatte) {
-  const ChannelSet& vorelChannels = node.params.vorelChannels;
-  splat(node.params, node.kernelBank.data(), static_cast<unsigned>(node.kernelBank.size()),
-        node.formatBox(), pixelX, pixelY, rowLeft, rowY, rowRight, sourceX, sourceY, coc, slice,
-        sampleWeight, colours, sliceColourPlanes, sliceWeightPlanes, bloomMatte, chromaticMatte,
-        [&](unsigned entry, auto&& body) {
-          const Kernel& kernel = node.kernelBank[entry];
-          foreach (c, channels) {
-            if (vorelChannels.contains(c))
-              body(c, kernel.plane(c));
-          }
-        });
-}
-
 }  // namespace vorel

@@ -4,15 +4,9 @@
 #include "DDImage/ChannelSet.h"
 #include "engines/Slices.h"
 
-class tzVorel;
-
 namespace vorel {
 
-void splatPixel(const tzVorel& node, int pixelX, int pixelY, int rowLeft, int rowY, int rowRight,
-                int sourceX, int sourceY, float coc, unsigned slice, float sampleWeight,
-                const float* colours, const ChannelPlanes* sliceColourPlanes,
-                const ChannelPlanes* sliceWeightPlanes, const DD::Image::ChannelSet& channels,
-                float bloomMatte, float chromaticMatte);
+// splatPixel itself, with the channel walk prepared once per row, is in engines/SplatContext.h.
 
 // The diagonal source offset of channel `c` under chromatic aberration (already truncated:
 // returns the moved coordinate for `position`).
