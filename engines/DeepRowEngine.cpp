@@ -74,8 +74,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   // Without kernels (not opened since the last validation) nothing can be spread.
   DeepOp* deep = node.deepInput();
   if (deep && input && radius >= 0 && !node.kernelBank.empty()) {
-    const Channel sampleDepthChannel =
-        p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
+    const Channel depthOfPiece = sampleDepthChannel(p.depthChannel);
     ChannelSet deepChannels = deep->deepInfo().channels();
     deepChannels &= workChannels;
     deepChannels -= Chan_Z;
@@ -84,9 +83,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     deepChannels += Chan_DeepBack;
 
     // The far limit is what no piece covers: transparent black at the background's blur.
-    float farDepth = kFarLimit;
-    if (!p.realWorldLens)
-      farDepth = clampToRegion(p, farDepth);
+    const float farDepth = farLimitDepth(p);
     const unsigned backgroundSlice = sliceForDepth(p.correctiveSlices, node.sliceBoundaries, farDepth);
     DepthSide farSide;
     const float backgroundCoC = std::max(depthToCoC(p, node.maxCoC, farDepth, farSide), 1.0f);
@@ -180,7 +177,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
         float transmittance = 1.0f;
         float coveredAlpha = 0.0f;
         for (std::size_t i = 0; i < pieceCount; ++i) {
-          float depth = pieceView.getOrderedSample(i, sampleDepthChannel);
+          float depth = pieceView.getOrderedSample(i, depthOfPiece);
           const float alpha = pieceView.getOrderedSample(i, Chan_Alpha);
           // Un-premultiplied: the weight alone carries the coverage.
           for (const Channel c : pieceList)

@@ -8,6 +8,12 @@
 
 namespace vorel {
 
+// The depth a deep piece is measured at: its back when the depth knob names deep.back, else its
+// front (the knob's default, depth.Z, included).
+inline DD::Image::Channel sampleDepthChannel(DD::Image::Channel depthChannel) {
+  return depthChannel == DD::Image::Chan_DeepBack ? DD::Image::Chan_DeepBack : DD::Image::Chan_DeepFront;
+}
+
 void prepareDeepSamples(const DD::Image::ChannelSet& channels, const DD::Image::DeepPixel& pixel,
                         DD::Image::DeepOutPixel& out);
 

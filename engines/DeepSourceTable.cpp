@@ -42,7 +42,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
   const int fw = format.r() - format.x();
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
 
-  const Channel depthChannel = p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
+  const Channel depthChannel = sampleDepthChannel(p.depthChannel);
   // Piece depths come from the samples' fronts and backs alone; the colour channels ride along.
   ChannelSet deepChannels = deep->deepInfo().channels();
   deepChannels &= p.vorelChannels;
@@ -51,9 +51,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
   deepChannels += Chan_DeepFront;
   deepChannels += Chan_DeepBack;
 
-  float farDepth = kFarLimit;
-  if (!p.realWorldLens)
-    farDepth = clampToRegion(p, farDepth);
+  const float farDepth = farLimitDepth(p);
   DepthSide farSide;
   const float backgroundCoC = std::max(depthToCoC(p, node.maxCoC, farDepth, farSide), 1.0f);
 

@@ -30,4 +30,9 @@ float realLensCoC(const NodeParameters& p, float depth);
 // the near-infinite rule substitutes for the far limit.
 float depthToCoC(const NodeParameters& p, int maxCoC, float depth, DepthSide& side);
 
+// The depth of what no deep sample covers: the far limit, clamped to the region in the artistic model.
+inline float farLimitDepth(const NodeParameters& p) {
+  return p.realWorldLens ? kFarLimit : clampToRegion(p, kFarLimit);
+}
+
 }  // namespace vorel

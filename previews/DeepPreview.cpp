@@ -6,6 +6,7 @@
 #include "DDImage/DeepPlane.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
+#include "engines/DeepSamples.h"
 #include "lens/CircleOfConfusion.h"
 #include "node/tzVorel.h"
 #include "previews/Previews.h"
@@ -54,8 +55,7 @@ void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
     deepChannels += Chan_Alpha;
     deepChannels += Chan_DeepFront;
     deepChannels += Chan_DeepBack;
-    const Channel sampleDepthChannel =
-        p.depthChannel == Chan_DeepBack ? Chan_DeepBack : Chan_DeepFront;
+    const Channel depthOfSample = sampleDepthChannel(p.depthChannel);
 
     DeepPlane plane;
     if (deep->deepEngine(Box(x, y, r, y + 1), deepChannels, plane)) {
@@ -83,7 +83,7 @@ void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
           float transmittance = 1.0f;
           float coveredAlpha = 0.0f;
           for (std::size_t i = 0; i < count; ++i) {
-            const float depth = samples.getOrderedSample(i, sampleDepthChannel);
+            const float depth = samples.getOrderedSample(i, depthOfSample);
             const float alpha = samples.getOrderedSample(i, Chan_Alpha);
             const float value = previewValue(p, node.maxCoC, depth, c);
             const float weight = alpha * transmittance;
