@@ -209,6 +209,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     }
   }
 
+  shareWeights(context, slices, x, r);
   mergeSlices(slices, row, x, r, channels, p.vorelChannels);
 }
 

@@ -181,6 +181,7 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     }
   }
 
+  shareWeights(context, slices, x, r);
   mergeSlices(slices, out, x, r, channels, p.vorelChannels);
 }
 

@@ -37,7 +37,22 @@ SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<K
 }
 
 SplatContext::SplatContext(const tzVorel& node, const ChannelSet& channels)
-    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {}
+    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {
+  if (node.kernelPlanesAlike && node.params.kChrAbb == 0.0f && channelList.size() > 1)
+    sharedWeightChannel = channelList.front();
+}
+
+void shareWeights(const SplatContext& context, const SliceAccumulators& slices, int x, int r) {
+  const Channel shared = context.sharedWeightChannel;
+  if (shared == DD::Image::Chan_Black || r <= x)
+    return;
+  for (const ChannelPlanes& planes : slices.weightPlanes) {
+    const float* weights = planes[shared];
+    for (Channel c : context.channelList)
+      if (c != shared && planes[c])
+        std::copy(weights + x, weights + r, planes[c] + x);
+  }
+}
 
 VOREL_WIDE_VECTORS
 void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
@@ -48,7 +63,7 @@ void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft
                           context.kernelPlanes.data()};
   splat(context.params, context.bank, context.bankSize, context.format, pixelX, pixelY, rowLeft, rowY,
         rowRight, sourceX, sourceY, coc, slice, sampleWeight, colours, sliceColourPlanes,
-        sliceWeightPlanes, bloomMatte, chromaticMatte, walk);
+        sliceWeightPlanes, bloomMatte, chromaticMatte, walk, context.sharedWeightChannel);
 }
 
 }  // namespace vorel

@@ -29,7 +29,14 @@ struct SplatContext {
   std::vector<DD::Image::Channel> channelList;
   // The plane of each bank entry for each channel of channelList: [entry * size + k], or null.
   std::vector<const float*> kernelPlanes;
+  // When every channel lands at the same place with the same kernel values, the weights of all
+  // channels are the same sums: only this channel accumulates them, and shareWeights copies them
+  // to the others before the merge. Chan_Black when each channel keeps its own.
+  DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black;
 };
+
+// Copies the shared channel's weights to the other channels of every slice over [x, r).
+void shareWeights(const SplatContext& context, const SliceAccumulators& slices, int x, int r);
 
 // splatPixel with the node's part and the channel walk prepared by the caller: same arguments in
 // the same order (less the channel set), same sums. Allocates nothing.

@@ -94,6 +94,30 @@ inline void accumulate(float* __restrict P, float* __restrict Q, const float* __
   }
 }
 
+// The colour accumulator alone, for a channel whose weights another channel accumulates.
+template <class V>
+inline void accumulateColourVector(float* P, const float* K, V cw, int j) {
+  V k, p;
+  std::memcpy(&k, K + j, sizeof(V));
+  std::memcpy(&p, P + j, sizeof(V));
+  p += cw * k;
+  std::memcpy(P + j, &p, sizeof(V));
+}
+
+inline void accumulateColour(float* __restrict P, const float* __restrict K, float cw, int count) {
+  int j = 0;
+  const Floats8 cw8 = {cw, cw, cw, cw, cw, cw, cw, cw};
+  for (; j + 8 <= count; j += 8)
+    accumulateColourVector(P, K, cw8, j);
+  if (j + 4 <= count) {
+    const Floats4 cw4 = {cw, cw, cw, cw};
+    accumulateColourVector(P, K, cw4, j);
+    j += 4;
+  }
+  for (; j < count; ++j)
+    P[j] += cw * K[j];
+}
+
 // Walk: walk(entry, body) calls body(channel, plane) for each channel to splat, in ascending
 // order, with that channel's plane of kernelBank[entry] (null when the entry has none). Always
 // inlined, so that the AVX2 clone of its caller runs the accumulation eight wide.
@@ -102,7 +126,8 @@ __attribute__((always_inline)) inline void splat(
     const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format, int pixelX,
     int pixelY, int rowLeft, int rowY, int rowRight, int sourceX, int sourceY, float coc,
     unsigned slice, float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
-    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk) {
+    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk,
+    DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black) {
   if (n == 0)
     return;
   const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, pixelX, pixelY) : 0.0f;
@@ -171,7 +196,10 @@ __attribute__((always_inline)) inline void splat(
         float* Q = weightPlanes[c];
         if (!K || !P || !Q)
           return;
-        accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
+        if (sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel)
+          accumulateColour(P + start, K + koff, spreadValue(c) * w, count);
+        else
+          accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
       });
       continue;
     }

@@ -1,5 +1,7 @@
 #include "lens/KernelBank.h"
 
+#include <cstring>
+
 #include <algorithm>
 #include <vector>
 
@@ -125,6 +127,20 @@ void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& mas
         value = value * scale;
     }
   }
+}
+
+bool planesAlike(const std::vector<Kernel>& bank, const ChannelSet& channels) {
+  const Channel first = channels.first();
+  for (const Kernel& entry : bank) {
+    const float* reference = entry.plane(first);
+    foreach (c, channels) {
+      const float* plane = entry.plane(c);
+      if (!reference || !plane ||
+          std::memcmp(plane, reference, static_cast<std::size_t>(entry.count) * sizeof(float)) != 0)
+        return false;
+    }
+  }
+  return true;
 }
 
 void kernelBankThread(unsigned threadIndex, unsigned threadCount, void* node) {

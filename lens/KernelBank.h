@@ -20,6 +20,9 @@ void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& mas
 // One plane of `destination` (already allocated at size x size) resampled from `master`.
 void resampleKernel(Kernel& destination, int size, DD::Image::Channel channel, const Kernel& master);
 
+// True when every entry has bit-identical planes in all of `channels`.
+bool planesAlike(const std::vector<Kernel>& bank, const DD::Image::ChannelSet& channels);
+
 // Thread entry for Thread::spawn; `node` is the tzVorel whose kernelBank is filled.
 void kernelBankThread(unsigned threadIndex, unsigned threadCount, void* node);
 

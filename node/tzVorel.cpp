@@ -98,6 +98,7 @@ void tzVorel::releaseKernels() {
   flatSources.clear();
   deepSources.clear();
   kernelsReady_ = false;
+  kernelPlanesAlike = false;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -240,6 +241,7 @@ void tzVorel::_open() {
       kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
       Thread::spawn(kernelBankThread, Thread::numCPUs, this);
       Thread::wait(this);
+      kernelPlanesAlike = planesAlike(kernelBank, params.vorelChannels);
       if (params.hasDeepInput)
         buildDeepSourceTable(*this, deepSources);
       else

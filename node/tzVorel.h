@@ -66,6 +66,9 @@ public:
   DD::Image::ChannelSet matteChannels;
   int kernelRadius = 0;
   int maxCoC = 0;
+  // Every entry of the bank holds the same plane in every channel (the formula kernels do), so
+  // all channels at one position accumulate the same weights.
+  bool kernelPlanesAlike = false;
   // Per-frame lens values of the flat source pixels, made with the kernel bank.
   vorel::FlatSourceTable flatSources;
   vorel::DeepSourceTable deepSources;

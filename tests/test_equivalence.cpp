@@ -1,6 +1,7 @@
-// Rows served from the frame tables built at open against the same node's straightforward rows,
-// which recompute every source visit from the inputs: every output value must be the same float,
-// bit for bit, whatever the tables let the engines skip.
+// Rows served from the frame tables built at open, with weights accumulated once for channels that
+// share a kernel, against the same node's straightforward rows, which recompute every source visit
+// from the inputs and accumulate every channel's weights: every output value must be the same
+// float, bit for bit.
 
 #include <gtest/gtest.h>
 
@@ -144,8 +145,8 @@ std::unique_ptr<tzVorel> makeVariantNode(const Scene& scene, const Variant& v, i
   return node;
 }
 
-// Rows over `area` on two threads with the frame tables, then the same rows one by one without
-// them; the first differing value of each channel is reported.
+// Rows over `area` on two threads with the frame tables and shared weights, then the same rows
+// one by one without either; the first differing value of each channel is reported.
 void expectSame(tzVorel& node, const Box& area, const ChannelSet& channels, const std::string& what) {
   const Image production = render(node, area, channels, 2);
   if (node.params.outputType <= OutputLensBloom) {
@@ -153,6 +154,7 @@ void expectSame(tzVorel& node, const Box& area, const ChannelSet& channels, cons
   }
   node.flatSources.clear();
   node.deepSources.clear();
+  node.kernelPlanesAlike = false;  // and every channel accumulates its own weights
   for (int y = area.y(); y < area.t(); ++y) {
     Row row(area.x(), area.r());
     node.engine(y, area.x(), area.r(), channels, row);
