@@ -238,6 +238,7 @@ void accumulationFloor(benchmark::State& state) {
   const int N = std::max(1, p.correctiveSlices);
   const Channel rgba[4] = {Chan_Red, Chan_Green, Chan_Blue, Chan_Alpha};
   const vorelapp::FlatImage& flat = scene().flat;
+  const bool sharedWeights = node.kernelPlanesAlike && p.kChrAbb == 0.0f;
 
   // Per source row, its visits sorted by reach, so a row walks only those that reach it.
   std::vector<std::vector<Visit>> visits(static_cast<std::size_t>(H));
@@ -310,9 +311,16 @@ void accumulationFloor(benchmark::State& state) {
             if (count <= 0)
               continue;
             float* slice = base + std::size_t(v.slice) * 8 * W;
-            for (int c = 0; c < 4; ++c)
-              vorel::accumulateKernelRow(slice + std::size_t(c) * W + start, slice + std::size_t(4 + c) * W + start,
-                         k.plane(rgba[c]) + koff, v.cw[c], v.w, count);
+            for (int c = 0; c < 4; ++c) {
+              // As the engine does: with one kernel for all channels only the first adds weights.
+              if (c > 0 && sharedWeights)
+                vorel::accumulateKernelRowColour(slice + std::size_t(c) * W + start, k.plane(rgba[c]) + koff,
+                                                 v.cw[c], count);
+              else
+                vorel::accumulateKernelRow(slice + std::size_t(c) * W + start,
+                                           slice + std::size_t(4 + c) * W + start, k.plane(rgba[c]) + koff,
+                                           v.cw[c], v.w, count);
+            }
             rowsAdded += 4;
             added += 4LL * count;
           }

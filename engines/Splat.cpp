@@ -20,6 +20,11 @@ void accumulateKernelRow(float* P, float* Q, const float* K, float cw, float w, 
   accumulate(P, Q, K, cw, w, count);
 }
 
+VOREL_WIDE_VECTORS
+void accumulateKernelRowColour(float* P, const float* K, float cw, int count) {
+  accumulateColour(P, K, cw, count);
+}
+
 SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<Kernel>& kernelBank,
                            const DD::Image::Box& formatBox, const ChannelSet& channels)
     : params(parameters),

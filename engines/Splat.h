@@ -14,5 +14,7 @@ int chromaticShift(const NodeParameters& p, int position, DD::Image::Channel c, 
 
 // P[j] += cw * K[j]; Q[j] += w * K[j] for j in [0, count): the hot loop, one sweep for both.
 void accumulateKernelRow(float* P, float* Q, const float* K, float cw, float w, int count);
+// P[j] += cw * K[j]: a channel whose weights another channel with the same kernel accumulates.
+void accumulateKernelRowColour(float* P, const float* K, float cw, int count);
 
 }  // namespace vorel
