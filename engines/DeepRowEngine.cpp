@@ -12,6 +12,7 @@
 #include "DDImage/Iop.h"
 #include "engines/DeepSamples.h"
 #include "engines/DeepSourceTable.h"
+#include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
 #include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
@@ -92,7 +93,6 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     const int fw = format.r() - format.x();
     const int fh = format.t() - format.y();
 
-    Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
 
     std::vector<Channel> requested, pieceList;
     listChannels(channels, requested);
@@ -104,7 +104,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
     DeepPlane plane;
     // Both rows are refilled over their whole span for every source row.
     Row paddedInput(paddedLeft, paddedRight);
-    Row paddedMattes(paddedLeft, paddedRight);
+    MatteRow paddedMattes(paddedLeft, paddedRight);
 
     // The frame's table tells which deep pixels can reach this row at all; the others, and whole
     // source rows of them, are passed over before they are fetched or cut into pieces.
@@ -127,8 +127,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       const int fetchRight = std::max(0, std::min(fw, paddedRight));
 
       paddedInput.get(*input, pixelY, paddedLeft, paddedRight, channels);
-      if (matteInput)
-        paddedMattes.get(*matteInput, pixelY, paddedLeft, paddedRight, node.matteChannels);
+      paddedMattes.fetch(node, pixelY);
 
       if (!deep->deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels, plane))
         continue;
@@ -143,11 +142,6 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       for (const Channel c : requested)
         inputPlanes[c] = paddedInput[c];
 
-      const float* bloomMattes = node.useBloomMatte ? paddedMattes[p.bloomMatteChannel] : nullptr;
-      const float* defocusMattes =
-          node.useDefocusMatte ? paddedMattes[p.defocusMatteChannel] : nullptr;
-      const float* chromaticMattes =
-          node.useChromaticMatte ? paddedMattes[p.chromicAberrationMatteChannel] : nullptr;
 
       for (int sourceX = paddedLeft; sourceX < paddedRight; ++sourceX) {
         if (reach && reach[sourceX - table.left] < distance)
@@ -160,9 +154,10 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
         if (pixelX < paddedLeft || pixelX >= paddedRight)
           continue;
 
-        const float bloomMatte = bloomMattes ? bloomMattes[sourceX] : 1.0f;
-        const float defocusMatte = defocusMattes ? defocusMattes[sourceX] : 1.0f;
-        const float chromaticMatte = chromaticMattes ? chromaticMattes[sourceX] : 1.0f;
+        const MatteValues matte = paddedMattes.at(sourceX);
+        const float bloomMatte = matte.bloom;
+        const float defocusMatte = matte.defocus;
+        const float chromaticMatte = matte.chromatic;
 
         // Channels the deep pixel lacks are spread with the flat input's value.
         for (const Channel c : requested)

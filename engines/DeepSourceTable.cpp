@@ -13,6 +13,7 @@
 #include "DDImage/Thread.h"
 #include "engines/DeepSamples.h"
 #include "engines/FlatSourceTable.h"
+#include "engines/OpticalArtefacts.h"
 #include "lens/CircleOfConfusion.h"
 #include "node/tzVorel.h"
 
@@ -37,7 +38,6 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
   DeepSourceTable& t = *b.table;
   const NodeParameters& p = node.params;
   DeepOp* deep = node.deepInput();
-  Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
   const Box format = node.formatBox();
   const int fw = format.r() - format.x();
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
@@ -75,16 +75,8 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
               t.reachSided.data() + static_cast<std::size_t>(pixelY + 1) * width, -1);
     if (!deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
       continue;
-    Row matteRow(t.left, t.right);
-    const float* defocusPlane = nullptr;
-    const float* chromaticPlane = nullptr;
-    if (matteInput) {
-      matteRow.get(*matteInput, pixelY, t.left, t.right, node.matteChannels);
-      if (node.useDefocusMatte)
-        defocusPlane = matteRow[p.defocusMatteChannel];
-      if (node.useChromaticMatte)
-        chromaticPlane = matteRow[p.chromicAberrationMatteChannel];
-    }
+    MatteRow mattes(t.left, t.right);
+    mattes.fetch(node, pixelY);
     const Box planeBox = plane.box();
     const ChannelMap& planeMap = plane.channels();
     const ChannelSet planeChannels = planeMap.channelSet();
@@ -126,8 +118,8 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
         remainder = 1.0f > coveredAlpha;
         preparedX = pixelX;
       }
-      const float defocusMatte = defocusPlane ? defocusPlane[sourceX] : 1.0f;
-      const float chromaticMatte = chromaticPlane ? chromaticPlane[sourceX] : 1.0f;
+      const float defocusMatte = mattes.at(sourceX).defocus;
+      const float chromaticMatte = mattes.at(sourceX).chromatic;
       const std::int32_t background =
           withShift(flatKernelReach(node.kernelBank, backgroundCoC), backgroundCoC, 1.0f);
       std::int32_t r = remainder ? background : -1;

@@ -6,6 +6,7 @@
 #include "DDImage/Box.h"
 #include "DDImage/Iop.h"
 #include "engines/FlatSourceTable.h"
+#include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
 #include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
@@ -74,7 +75,6 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   ChannelSet depthOnly;
   depthOnly += depthChannel;
 
-  Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
 
   float colours[kChannelSlots] = {};
   std::vector<const float*> colourPlanes(splatChannels.size());
@@ -88,7 +88,7 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
   // One source row and one matte row, refilled for each source row: a fetch overwrites the whole
   // span of every channel it asks for.
   Row sourceRow(left, right);
-  Row matteRow(left, right);
+  MatteRow mattes(left, right);
 
   for (int sy = y - R; sy <= y + R; ++sy) {
     // Rows beyond the box repeat its edge row, but spread from their own position.
@@ -102,18 +102,7 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       colourPlanes[k] = sourceRow[splatChannels[k]];
     const float* depthPlane = sourceRow[depthChannel];
 
-    const float* bloomPlane = nullptr;
-    const float* defocusPlane = nullptr;
-    const float* chromaticPlane = nullptr;
-    if (matteInput) {
-      matteRow.get(*matteInput, fy, left, right, node.matteChannels);
-      if (node.useBloomMatte)
-        bloomPlane = matteRow[p.bloomMatteChannel];
-      if (node.useDefocusMatte)
-        defocusPlane = matteRow[p.defocusMatteChannel];
-      if (node.useChromaticMatte)
-        chromaticPlane = matteRow[p.chromicAberrationMatteChannel];
-    }
+    mattes.fetch(node, fy);
 
     // The depth column is clamped to the format, so a span wholly beyond the format on one side
     // reads a column it did not fetch; there is only ever one such column per source row.
@@ -131,12 +120,11 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
         if (reach[i] < distance)
           continue;
         const int cx = std::max(0, std::min(fw - 1, sx));
-        const float bloomMatte = readOr(bloomPlane, sx, 1.0f);
-        const float chromaticMatte = readOr(chromaticPlane, sx, 1.0f);
+        const MatteValues matte = mattes.at(sx);
         for (std::size_t k = 0; k < splatChannels.size(); ++k)
           colours[splatChannels[k]] = readOr(colourPlanes[k], sx, 0.0f);
         splatPixel(context, cx, fy, x, y, r, sx, sy, cocs[i], sliceOf[i], 1.0f, colours,
-                   slices.colourPlanes.data(), slices.weightPlanes.data(), bloomMatte, chromaticMatte);
+                   slices.colourPlanes.data(), slices.weightPlanes.data(), matte.bloom, matte.chromatic);
       }
       continue;
     }
@@ -168,16 +156,14 @@ void flatRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       const unsigned slice = sliceForDepth(N, node.sliceBoundaries, depth);
 
       // Mattes are read where the source pixel is, not at the clamped column.
-      const float bloomMatte = readOr(bloomPlane, sx, 1.0f);
-      const float defocusMatte = readOr(defocusPlane, sx, 1.0f);
-      const float chromaticMatte = readOr(chromaticPlane, sx, 1.0f);
+      const MatteValues matte = mattes.at(sx);
 
       for (std::size_t k = 0; k < splatChannels.size(); ++k)
         colours[splatChannels[k]] = readOr(colourPlanes[k], sx, 0.0f);
 
-      splatPixel(context, cx, fy, x, y, r, sx, sy, std::max(coc * defocusMatte, 1.0f), slice, 1.0f,
-                 colours, slices.colourPlanes.data(), slices.weightPlanes.data(), bloomMatte,
-                 chromaticMatte);
+      splatPixel(context, cx, fy, x, y, r, sx, sy, std::max(coc * matte.defocus, 1.0f), slice, 1.0f,
+                 colours, slices.colourPlanes.data(), slices.weightPlanes.data(), matte.bloom,
+                 matte.chromatic);
     }
   }
 

@@ -8,6 +8,7 @@
 #include "DDImage/Row.h"
 #include "DDImage/Thread.h"
 #include "engines/FlatRowEngine.h"
+#include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
 #include "lens/CircleOfConfusion.h"
 #include "node/tzVorel.h"
@@ -61,7 +62,6 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
   FlatSourceTable& t = *b.table;
   const NodeParameters& p = node.params;
   Iop* source = node.input(0);
-  Iop* matteInput = node.matteChannels.empty() ? nullptr : node.input(4);
   const int N = p.correctiveSlices;
   const int fw = node.formatBox().r() - node.formatBox().x();
   const Channel depthChannel = p.depthChannel;
@@ -82,16 +82,8 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
     Row depthRow(depthLeft, depthRight);
     depthRow.get(*source, fy, depthLeft, depthRight, depthOnly);
     const float* depthPlane = depthRow[depthChannel];
-    Row matteRow(t.left, t.right);
-    const float* defocusPlane = nullptr;
-    const float* chromaticPlane = nullptr;
-    if (matteInput) {
-      matteRow.get(*matteInput, fy, t.left, t.right, node.matteChannels);
-      if (node.useDefocusMatte)
-        defocusPlane = matteRow[p.defocusMatteChannel];
-      if (node.useChromaticMatte)
-        chromaticPlane = matteRow[p.chromicAberrationMatteChannel];
-    }
+    MatteRow mattes(t.left, t.right);
+    mattes.fetch(node, fy);
 
     std::int32_t rowReach = -1;
     const std::size_t base = static_cast<std::size_t>(fy - t.bottom) * width;
@@ -103,7 +95,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
         depth = clampToRegion(p, depth);
       DepthSide side;
       const float coc = depthToCoC(p, node.maxCoC, depth, side);
-      const float defocusMatte = defocusPlane ? defocusPlane[sx] : 1.0f;
+      const float defocusMatte = mattes.at(sx).defocus;
       t.coc[k] = std::max(coc * defocusMatte, 1.0f);
       t.slice[k] = sliceForDepth(N, node.sliceBoundaries, depth);
       if (!flatFocusGatePasses(p.focusOutput, side) || node.kernelBank.empty()) {
@@ -112,7 +104,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
       }
       std::int32_t reach = flatKernelReach(node.kernelBank, t.coc[k]);
       if (p.kChrAbb != 0.0f) {
-        const float chromaticMatte = chromaticPlane ? chromaticPlane[sx] : 1.0f;
+        const float chromaticMatte = mattes.at(sx).chromatic;
         const float spread = std::max(t.coc[k] * chromaticMatte * 0.5f - 1.0f, 0.0f);
         const float shift = shiftPerSpread * spread;
         // Truncation can add one more row; a shift past any image is kept as reaching everything.

@@ -1,9 +1,21 @@
 #include "engines/OpticalArtefacts.h"
 
+#include "node/tzVorel.h"
+
 #include <algorithm>
 #include <cmath>
 
 namespace vorel {
+
+void MatteRow::fetch(const tzVorel& node, int y) {
+  if (node.matteChannels.empty())
+    return;
+  const NodeParameters& p = node.params;
+  row_.get(*node.input(4), y, left_, right_, node.matteChannels);
+  bloom_ = node.useBloomMatte ? row_[p.bloomMatteChannel] : nullptr;
+  defocus_ = node.useDefocusMatte ? row_[p.defocusMatteChannel] : nullptr;
+  chromatic_ = node.useChromaticMatte ? row_[p.chromicAberrationMatteChannel] : nullptr;
+}
 
 float bloomRadialFactor(const NodeParameters& p, const DD::Image::Box& formatBox, int x, int y) {
   if (!(p.bloom > 0.0f))
