@@ -364,18 +364,31 @@ FileKind fileKindFor(const std::string& path) {
   return FileKind::Unknown;
 }
 
+namespace {
+
+// Display window from the format, data window from the box, rows counted from the top as files
+// store them. The data window's size is passed in, since a flat file needs at least one pixel.
+ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int height,
+                       const std::vector<std::string>& channels) {
+  ImageSpec spec(width, height, int(channels.size()), TypeDesc::FLOAT);
+  spec.full_x = format.x;
+  spec.full_y = format.y;
+  spec.full_width = format.w();
+  spec.full_height = format.h();
+  spec.x = box.x;
+  spec.y = flipY(format, box.t - 1);
+  spec.channelnames = channels;
+  return spec;
+}
+
+}  // namespace
+
 void writeExr(const std::string& path, const FlatImage& image) {
   checkDirectory(path);
   auto out = createOutput(path);
   const int nch = int(image.channels.size());
-  ImageSpec spec(std::max(1, image.box.w()), std::max(1, image.box.h()), nch, TypeDesc::FLOAT);
-  spec.full_x = image.format.x;
-  spec.full_y = image.format.y;
-  spec.full_width = image.format.w();
-  spec.full_height = image.format.h();
-  spec.x = image.box.x;
-  spec.y = flipY(image.format, image.box.t - 1);
-  spec.channelnames = image.channels;
+  ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()), std::max(1, image.box.h()),
+                                image.channels);
   spec.alpha_channel = image.channelIndex("A");
   spec.z_channel = image.channelIndex("Z");
   spec.attribute("compression", "zip");
@@ -475,14 +488,7 @@ void writeDeepExr(const std::string& path, const DeepImage& image) {
   if (!out->supports("deepdata"))
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
   const int nch = int(image.channels.size());
-  ImageSpec spec(image.box.w(), image.box.h(), nch, TypeDesc::FLOAT);
-  spec.full_x = image.format.x;
-  spec.full_y = image.format.y;
-  spec.full_width = image.format.w();
-  spec.full_height = image.format.h();
-  spec.x = image.box.x;
-  spec.y = flipY(image.format, image.box.t - 1);
-  spec.channelnames = image.channels;
+  ImageSpec spec = windowedSpec(image.format, image.box, image.box.w(), image.box.h(), image.channels);
   spec.channelformats.assign(nch, TypeDesc::FLOAT);
   spec.alpha_channel = image.channelIndex("A");
   spec.z_channel = image.channelIndex("Z");
