@@ -14,6 +14,7 @@
 #include "app/AppError.h"
 #include "app/ArrayRender.h"
 #include "app/Cli.h"
+#include "app/ImageFiles.h"
 #include "app/Knobs.h"
 
 namespace py = pybind11;
@@ -199,6 +200,48 @@ py::list knobList() {
   return list;
 }
 
+// A file's data window as rows top first, and its channel names in the file's order.
+py::tuple readImage(const std::string& path) {
+  FlatImage image;
+  {
+    py::gil_scoped_release release;
+    image = readFlatImage(path);
+  }
+  const int h = image.box.h(), w = image.box.w(), n = int(image.channels.size());
+  py::array_t<float> out({py::ssize_t(h), py::ssize_t(w), py::ssize_t(n)});
+  auto a = out.mutable_unchecked<3>();
+  for (int c = 0; c < n; ++c)
+    for (int i = 0; i < h; ++i) {
+      const float* row = image.row(c, image.box.t - 1 - i);
+      for (int x = 0; x < w; ++x)
+        a(i, x, c) = row[x];
+    }
+  return py::make_tuple(out, image.channels);
+}
+
+// An EXR of the array (height x width x channels, top row first), written as vorel writes.
+void writeImage(const std::string& path, const FloatArray& array,
+                const std::vector<std::string>& channels) {
+  const ArrayView v = viewOf(array, "the image");
+  if (std::size_t(v.channels) != channels.size())
+    throw UsageError("write_image: " + std::to_string(v.channels) + " channels but " +
+                     std::to_string(channels.size()) + " names");
+  if (fileKindFor(path) != FileKind::Exr)
+    throw UsageError("write_image: " + path + " is not an .exr");
+  FlatImage image;
+  image.format = image.box = {0, 0, v.width, v.height};
+  image.channels = channels;
+  image.allocate();
+  for (int c = 0; c < v.channels; ++c)
+    for (int i = 0; i < v.height; ++i) {
+      float* row = image.row(c, v.height - 1 - i);
+      for (int x = 0; x < v.width; ++x)
+        row[x] = v.data[i * v.rowStride + x * v.columnStride + c * v.channelStride];
+    }
+  py::gil_scoped_release release;
+  writeExr(path, image);
+}
+
 const char* kRenderDoc = R"(render(image, depth, *, kernel=None, camera=None, threads=0, **knobs) -> ndarray
 
 Defocuses one frame held in memory and returns a new float32 array of the image's shape.
@@ -255,6 +298,12 @@ PYBIND11_MODULE(vorel, m) {
         py::arg("camera") = py::none(), py::arg("preset") = py::none(),
         py::arg("channels") = py::none(), py::arg("threads") = py::none(),
         py::arg("options") = std::vector<std::string>());
+  m.def("read_image", &readImage, py::arg("path"),
+        "read_image(path) -> (ndarray, names): a flat image file's data window as float32, "
+        "height x width x channels with row 0 at the top, and its channel names.");
+  m.def("write_image", &writeImage, py::arg("path"), py::arg("array"), py::arg("channels"),
+        "write_image(path, array, channels): writes a float32 EXR (row 0 at the top), "
+        "atomically, with the given channel names, e.g. ['R', 'G', 'B', 'Z'].");
   m.def("knobs", &knobList,
         "knobs() -> list of dict: every knob's name, label, kind, default (as text render "
         "accepts), range, clamped, entries and tooltip.");
