@@ -24,6 +24,10 @@ namespace {
 
 using FloatArray = py::array_t<float, py::array::forcecast>;
 
+// Seconds the calling thread's last render() spent inside the renderer, for measuring what a call
+// costs beyond the render itself.
+thread_local double lastRenderSeconds = 0.0;
+
 // A knob value as the command line would spell it: True -> on, 2.5 -> 2.5, (1, 0.5) -> 1,0.5.
 std::string knobText(const py::handle& value) {
   if (py::isinstance<py::bool_>(value))
@@ -104,7 +108,7 @@ py::array_t<float> renderArray(const FloatArray& image, const FloatArray& depth,
   float* outData = out.mutable_data();
   {
     py::gil_scoped_release release;
-    renderArrays(imageView, depthView, outData, options);
+    lastRenderSeconds = renderArrays(imageView, depthView, outData, options).seconds;
   }
   warnAll(warnings);
   if (image.ndim() == 2)
@@ -304,6 +308,8 @@ PYBIND11_MODULE(vorel, m) {
   m.def("write_image", &writeImage, py::arg("path"), py::arg("array"), py::arg("channels"),
         "write_image(path, array, channels): writes a float32 EXR (row 0 at the top), "
         "atomically, with the given channel names, e.g. ['R', 'G', 'B', 'Z'].");
+  m.def("_last_render_seconds", [] { return lastRenderSeconds; },
+        "Seconds this thread's last render() spent inside the renderer (node set-up to last row).");
   m.def("knobs", &knobList,
         "knobs() -> list of dict: every knob's name, label, kind, default (as text render "
         "accepts), range, clamped, entries and tooltip.");
