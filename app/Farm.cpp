@@ -62,6 +62,21 @@ std::string quoted(const std::string& text) {
   return q + "'";
 }
 
+// A value of an #SBATCH line, which sbatch reads with double quotes.
+std::string directiveValue(const std::string& text) {
+  if (text.find_first_of("\"\n") != std::string::npos)
+    throw UsageError("farm submit: Slurm cannot take " + text + " (it has a quote or a line break)");
+  return "\"" + text + "\"";
+}
+
+// sbatch reads '%' in a log path as a pattern; "%%" is a plain one.
+std::string literalPercent(const std::string& path) {
+  std::string s;
+  for (char c : path)
+    s += c == '%' ? std::string("%%") : std::string(1, c);
+  return s;
+}
+
 std::string absolute(const std::string& path, const std::string& base) {
   const fs::path p(path);
   return (p.is_absolute() ? p : fs::path(base) / p).lexically_normal().string();
@@ -329,12 +344,13 @@ std::string jobScript(const FarmJob& job) {
     << ". Submitting this script again renders only the frames still missing.\n"
     << "#SBATCH --job-name=" << job.jobName << "\n"
     << "#SBATCH --array=0-" << tasks - 1 << (job.maxRunning ? "%" + std::to_string(job.maxRunning) : "") << "\n"
-    << "#SBATCH --chdir=" << job.workDir << "\n"
-    << "#SBATCH --output=" << job.logDir << "/" << job.jobName << "-%A_%a.log\n";
+    << "#SBATCH --chdir=" << directiveValue(job.workDir) << "\n"
+    << "#SBATCH --output="
+    << directiveValue(literalPercent(job.logDir) + "/" + job.jobName + "-%A_%a.log") << "\n";
   if (!job.partition.empty())
-    s << "#SBATCH --partition=" << job.partition << "\n";
+    s << "#SBATCH --partition=" << directiveValue(job.partition) << "\n";
   if (!job.timeLimit.empty())
-    s << "#SBATCH --time=" << job.timeLimit << "\n";
+    s << "#SBATCH --time=" << directiveValue(job.timeLimit) << "\n";
   if (job.cpusPerTask)
     s << "#SBATCH --cpus-per-task=" << job.cpusPerTask << "\n";
   s << "set -eu\n"

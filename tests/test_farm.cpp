@@ -186,16 +186,16 @@ TEST(FarmSubmit, HandsTheWrittenScriptToSbatchAndPrintsTheJob) {
   EXPECT_EQ(lines(readFile(dir / "sbatch.args")), (std::vector<std::string>{"--parsable", script}));
   const std::string text = readFile(script);
   for (const std::string& directive : std::vector<std::string>{
-           "#SBATCH --job-name=focuspull\n", "#SBATCH --array=0-3%3\n", "#SBATCH --partition=gpu\n",
-        "#SBATCH --time=0:30:00\n", "#SBATCH --cpus-per-task=2\n",
-        "#SBATCH --output=" + logDir + "/focuspull-%A_%a.log\n",
-        "#SBATCH --chdir=" + fs::current_path().string() + "\n"})
+           "#SBATCH --job-name=focuspull\n", "#SBATCH --array=0-3%3\n", "#SBATCH --partition=\"gpu\"\n",
+           "#SBATCH --time=\"0:30:00\"\n", "#SBATCH --cpus-per-task=2\n",
+           "#SBATCH --output=\"" + logDir + "/focuspull-%A_%a.log\"\n",
+           "#SBATCH --chdir=\"" + fs::current_path().string() + "\"\n"})
     EXPECT_NE(text.find(directive), std::string::npos) << directive << " in\n" << text;
   EXPECT_EQ(text.find("'--sbatch'"), std::string::npos);
   // The default log directory sits beside the outputs.
   const FarmRun dflt = farm({"submit", "-o", "out/a.@.exr", "--frames", "1-2", "--dry-run", "--deep", "d.@.exr"});
-  EXPECT_NE(dflt.out.find("#SBATCH --output=" + (fs::current_path() / "out/vorel-farm").string() +
-                          "/vorel-%A_%a.log"),
+  EXPECT_NE(dflt.out.find("#SBATCH --output=\"" + (fs::current_path() / "out/vorel-farm").string() +
+                          "/vorel-%A_%a.log\""),
             std::string::npos)
       << dflt.out;
   EXPECT_NE(dflt.out.find("render -o 'out/a.@.exr' --frames \"$frames\" --skip-existing '--deep' 'd.@.exr'"),
@@ -232,6 +232,10 @@ TEST(FarmSubmit, EveryFailureIsOneLineWithItsStatus) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_EQ(farm({"submit", "-o", "a.exr", "--frames", "1-2"}).status, 2);
+  // A '%' in a log directory is sbatch's pattern character; it is kept as a plain one.
+  const FarmRun percent = farm({"submit", "-o", "a.#.exr", "--frames", "1-2", "--log-dir", "/r/100%", "--dry-run"});
+  EXPECT_NE(percent.out.find("--output=\"/r/100%%/vorel-%A_%a.log\""), std::string::npos) << percent.out;
+  EXPECT_EQ(farm({"submit", "-o", "a.#.exr", "--frames", "1-2", "--log-dir", "/r/\"x\"", "--dry-run"}).status, 2);
   EXPECT_EQ(farm({"status"}).status, 2);
   EXPECT_EQ(farm({}).status, 2);
 }

@@ -69,9 +69,11 @@ def wait_for(what, condition, logs, seconds=180):
 
 def test_a_killed_task_and_a_resubmit_complete_the_shot(tmp_path, monkeypatch, vorel_binary,
                                                         task_program, slurm):
-    monkeypatch.chdir(tmp_path)
+    work = tmp_path / "a shot"  # a space, which the job script's #SBATCH lines must carry
+    work.mkdir()
+    monkeypatch.chdir(work)
     os.mkdir("out")
-    expected = shot(str(tmp_path))
+    expected = shot(str(work))
     submit = [vorel_binary, "farm", "submit", "shot.####.exr", "-o", "out/soft.####.exr",
               "--frames", "1-20", "--chunk", "5", "--cpus", "1", "--vorel", task_program,
               "--quiet"] + [f"--set={k}={v}" for k, v in KNOBS.items()]
