@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 
 #include "DDImage/Host.h"
@@ -130,6 +131,22 @@ void renderRows(Iop& node, const ChannelSet& request, int channels, int width, i
   }
 }
 
+// The host's thread count is one global that open() reads. Renders that want the count already set
+// open side by side; one that wants another count waits for them, sets it and opens alone.
+void openWithThreads(Iop& node, unsigned threads) {
+  static std::shared_mutex threadCount;
+  {
+    std::shared_lock<std::shared_mutex> shared(threadCount);
+    if (Thread::numCPUs == threads) {
+      node.open();
+      return;
+    }
+  }
+  std::unique_lock<std::shared_mutex> alone(threadCount);
+  Thread::numCPUs = threads;
+  node.open();
+}
+
 }  // namespace
 
 RenderSummary renderArrays(const ArrayView& image, const ArrayView& depth, float* out,
@@ -176,13 +193,12 @@ RenderSummary renderArrays(const ArrayView& image, const ArrayView& depth, float
   const unsigned threads = std::max(
       1u, std::min<unsigned>(o.threads ? o.threads : std::thread::hardware_concurrency(),
                              unsigned(image.height)));
-  Thread::numCPUs = threads;
   ChannelSet request;
   for (int c = 0; c < image.channels; ++c)
     request += kImageChannels[c];
   request += Chan_Z;  // as the command line asks for every channel of its input
   node.request(Box(0, 0, image.width, image.height), request, 1);
-  node.open();
+  openWithThreads(node, threads);
   if (host::hasError(node))
     throw RenderError(host::errorText(node));
   if (o.warning)
