@@ -94,13 +94,16 @@ struct SubmitRequest {
   bool dryRun = false;
   bool help = false;
   std::string sbatch = "sbatch";
+  std::string frames, logDir, program;  // as given, before checking and defaults
 };
 
 // Farm options are taken out; every other argument goes on to vorel render unchanged.
-SubmitRequest parseSubmit(const std::vector<std::string>& args) {
+SubmitRequest readSubmitArguments(const std::vector<std::string>& args) {
   SubmitRequest request;
   FarmJob& job = request.job;
-  std::string frames, logDir, program, cwd = fs::current_path().string();
+  std::string& frames = request.frames;
+  std::string& logDir = request.logDir;
+  std::string& program = request.program;
   std::size_t i = 0;
   if (!args.empty() && !args[0].empty() && args[0][0] != '-')
     job.input = args[i++];
@@ -147,12 +150,16 @@ SubmitRequest parseSubmit(const std::vector<std::string>& args) {
     else if (name == "-h" || name == "--help") request.help = true;
     // --skip-existing: every task has it already.
   }
-  if (request.help)
-    return request;
+  return request;
+}
 
-  if (frames.empty())
+// The frames checked and parsed, the outputs checked, and every path made absolute.
+void completeJob(SubmitRequest& request) {
+  FarmJob& job = request.job;
+  const std::string cwd = fs::current_path().string();
+  if (request.frames.empty())
     throw UsageError("farm submit: give the frames with --frames A-B (e.g. --frames 1001-1100)");
-  job.frames = parseFrameRange(frames);
+  job.frames = parseFrameRange(request.frames);
   if (job.outputs.empty())
     throw UsageError("farm submit: no output: give -o PATTERN (e.g. -o soft.####.exr)");
   for (const std::string& o : job.outputs)
@@ -163,14 +170,14 @@ SubmitRequest parseSubmit(const std::vector<std::string>& args) {
     throw UsageError("--job-name: '" + job.jobName + "' must be one word without quotes or slashes");
 
   job.workDir = cwd;
+  std::string program = request.program;
   if (program.empty()) {
     std::error_code ec;
     program = fs::read_symlink("/proc/self/exe", ec).string();
   }
   job.program = absolute(program, cwd);
   const fs::path outDir = fs::path(job.outputs.front()).parent_path();
-  job.logDir = absolute(logDir.empty() ? (outDir / "vorel-farm").string() : logDir, cwd);
-  return request;
+  job.logDir = absolute(request.logDir.empty() ? (outDir / "vorel-farm").string() : request.logDir, cwd);
 }
 
 // Writes the script beside its final name and renames it into place.
@@ -385,11 +392,12 @@ int farmMain(int argc, const char* const* argv, std::ostream& out, std::ostream&
     return kExitUsage;
   }
   try {
-    const SubmitRequest request = parseSubmit(std::vector<std::string>(argv + 2, argv + argc));
+    SubmitRequest request = readSubmitArguments(std::vector<std::string>(argv + 2, argv + argc));
     if (request.help) {
       out << kSubmitHelp << "\n";
       return kExitOk;
     }
+    completeJob(request);
     const FarmJob& job = request.job;
     const std::string script = jobScript(job);
     if (request.dryRun) {
