@@ -8,6 +8,7 @@
 
 #include "app/AppError.h"
 #include "app/DemoScene.h"
+#include "app/Farm.h"
 #include "app/Render.h"
 
 namespace vorelapp {
@@ -57,9 +58,13 @@ Exit status: 0 done, 1 the render failed, 2 a bad command line, file, knob or va
 
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
+  // The farm passes most of its arguments on to `vorel render`, so it parses its own.
+  if (argc > 1 && std::string(argv[1]) == "farm")
+    return farmMain(argc - 1, argv + 1, out, err);
   CLI::App app("vorel: renders the tzVorel lens-defocus node over image files", "vorel");
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help for every command");
+  app.footer("vorel farm submit ...: render a frame sequence on a Slurm cluster (see vorel farm --help)");
 
   RenderOptions options;
   std::string camera;
@@ -121,7 +126,7 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
   if (!first.empty() && first[0] != '-' && first != renderCmd->get_name() &&
       first != knobsCmd->get_name() && first != demoCmd->get_name()) {
     err << program << ": unknown command '" << argv[1]
-        << "' (commands: render, knobs, demo-scene; see vorel --help)\n";
+        << "' (commands: render, knobs, demo-scene, farm; see vorel --help)\n";
     return kExitUsage;
   }
   try {
