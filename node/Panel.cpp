@@ -60,7 +60,7 @@ const char* const kCameraKnobs[] = {"focalPlane", "focalLength", "fStop", "apert
 }  // namespace
 
 void tzVorel::knobs(Knob_Callback f) {
-  NodeParameters& p = params;
+  NodeParameters& p = params_;
 
   Tab_knob(f, "Vorel");
   Text_knob(f, "Version", versionText());
@@ -209,11 +209,11 @@ int tzVorel::knob_changed(Knob* k) {
   if (named(k, "filmFormat")) {
     Knob* width = knob("apertureWidth");
     Knob* height = knob("apertureHeight");
-    if (params.filmFormat != kCustomFilmFormat) {
+    if (params_.filmFormat != kCustomFilmFormat) {
       if (width) width->disable();
       if (height) height->disable();
-      if (params.filmFormat >= 0 && params.filmFormat < kCustomFilmFormat) {
-        const FilmBack& back = kFilmFormats[params.filmFormat];
+      if (params_.filmFormat >= 0 && params_.filmFormat < kCustomFilmFormat) {
+        const FilmBack& back = kFilmFormats[params_.filmFormat];
         if (width) width->set_value(static_cast<double>(back.width), -1);
         if (height) height->set_value(static_cast<double>(back.height), -1);
       }
@@ -221,17 +221,17 @@ int tzVorel::knob_changed(Knob* k) {
       if (width) width->enable();
       if (height) height->enable();
     }
-    if (width) params.apertureWidth = static_cast<float>(width->get_value(0));
-    if (height) params.apertureHeight = static_cast<float>(height->get_value(0));
+    if (width) params_.apertureWidth = static_cast<float>(width->get_value(0));
+    if (height) params_.apertureHeight = static_cast<float>(height->get_value(0));
     return 1;
   }
   if (named(k, "realWorldLens")) {
-    setEnabled(*this, "multiplier", !params.realWorldLens);
-    setEnabled(*this, "focusRegionFalloff", !params.realWorldLens);
+    setEnabled(*this, "multiplier", !params_.realWorldLens);
+    setEnabled(*this, "focusRegionFalloff", !params_.realWorldLens);
     return 1;
   }
   if (named(k, "overrideNearAndFarForSlices"))
-    setEnabled(*this, "depthSlicesNearAndFar", params.overrideNearAndFarForSlices);
+    setEnabled(*this, "depthSlicesNearAndFar", params_.overrideNearAndFarForSlices);
   return Iop::knob_changed(k);
 }
 

@@ -121,7 +121,7 @@ TEST(FlatDefocus, BrightPixelSpreadsIntoTheKernelAroundItself) {
       float sum = 0.0f;
       const float w0 = first == 9 ? 1.0f : 0.5f;
       for (const auto& [e, w] : {std::pair<int, float>{first, w0}, {10, 1.0f - w0}}) {
-        const Kernel& k = s.node->kernelBank[e];
+        const Kernel& k = s.node->frame()->kernelBank[e];
         if (std::abs(dx) <= k.half && std::abs(dy) <= k.half)
           sum += w * k.plane(Chan_Red)[(dy + k.half) * k.width + (dx + k.half)];
       }
@@ -170,7 +170,7 @@ TEST(FlatLayers, FrontAndBackKeepTheirOwnSide) {
   setKnob(*front.node, "focusOutput", FocusFront);
   setKnob(*back.node, "focusOutput", FocusBack);
   const Image all = both.render(), near = front.render(), far = back.render();
-  const int reach = both.node->kernelRadius;
+  const int reach = both.node->frame()->kernelRadius;
   for (int y = 0; y < 12; ++y) {
     for (int x = 0; x < 44; ++x) {
       ASSERT_EQ(near.at(x, y, Chan_Z), f(x, y, Chan_Z));  // depth is not blurred
@@ -194,7 +194,7 @@ TEST(FlatLayers, ChromaticShiftDoesNotWidenTheRowsASourceIsVisitedFrom) {
     setKnob(*s.node, "kChrAbb", 10);
     setKnob(*s.node, "kChrAbbOff", offset, 1);
     const Image out = s.render();
-    ASSERT_EQ(s.node->kernelRadius, 22);
+    ASSERT_EQ(s.node->frame()->kernelRadius, 22);
     double green = 0.0;
     for (int y = 0; y < 80; ++y)
       for (int x = 0; x < 80; ++x)
@@ -231,14 +231,14 @@ TEST(FlatBloom, PositionIsTheClampedSourcePositionAndMattesTheSourceColumn) {
   setKnob(*s.node, "outputType", OutputLensBloom);
   setKnob(*s.node, "bloom", 1);
   const Image side = s.render(Box(-6, 10, 26, 11)), above = s.render(Box(0, 40, 20, 41));
-  const Box format = s.node->formatBox();
+  const Box format = s.node->frame()->format;
   // Sources beyond the image take the bloom of the column, and row, they were read from; rows
   // above the box are read from the box's t.
   for (int x = -6; x < 26; ++x)
-    ASSERT_NEAR(side.at(x, 10, Chan_Red), 1.3f * bloomRadialFactor(s.node->params, format, std::clamp(x, 0, 19), 10),
+    ASSERT_NEAR(side.at(x, 10, Chan_Red), 1.3f * bloomRadialFactor(s.node->frame()->params, format, std::clamp(x, 0, 19), 10),
                 1e-5f) << x;
   for (int x = 0; x < 20; ++x)
-    ASSERT_NEAR(above.at(x, 40, Chan_Red), 1.3f * bloomRadialFactor(s.node->params, format, x, 20), 1e-5f) << x;
+    ASSERT_NEAR(above.at(x, 40, Chan_Red), 1.3f * bloomRadialFactor(s.node->frame()->params, format, x, 20), 1e-5f) << x;
 
   // A matte image reaching past the format, its value changing with every column.
   auto mattes = std::make_unique<host::FlatImage>(Format(20, 20), Box(-10, 0, 30, 20), ChannelSet(Mask_RGBA));
@@ -276,7 +276,7 @@ TEST(FlatEdges, SpansBeyondTheFormatTakeDepthFromTheEdgeColumnAndRowsFromTheEdge
   // A span wholly beyond the format, and one that takes it in.
   for (const Box& area : {Box(40, 0, 44, 10), Box(0, 0, 60, 10)}) {
     const Image out = s.render(area);
-    const int reach = s.node->kernelRadius;
+    const int reach = s.node->frame()->kernelRadius;
     for (int y = 0; y < 10; ++y)
       for (int x = std::max(area.x(), 20 + reach); x < area.r(); ++x)
         ASSERT_FLOAT_EQ(out.at(x, y, Chan_Red), colour(x, y)) << x << "," << y;

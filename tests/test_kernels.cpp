@@ -11,7 +11,6 @@
 #include "DDImage/Thread.h"
 #include "lens/KernelBank.h"
 #include "lens/MasterKernel.h"
-#include "node/tzVorel.h"
 
 using namespace vorel;
 using namespace DD::Image;
@@ -33,9 +32,7 @@ NodeParameters params(int type, int size, const std::function<void(NodeParameter
 }
 
 Kernel build(const NodeParameters& p, Iop* image = nullptr, bool filterShape = false, const Box& format = kFormat2K) {
-  Kernel k;
-  buildMasterKernel(k, p, format, image, filterShape);
-  return k;
+  return buildMasterKernel(p, format, image, filterShape);
 }
 
 float at(const Kernel& k, Channel z, int x, int y) { return k.planes[z][static_cast<std::size_t>(y * k.width + x)]; }
@@ -198,9 +195,8 @@ TEST(MasterKernel, SizeFromFormatAndDegenerateSizes) {
   EXPECT_EQ(build(p, nullptr, true, Box(100, 50, 400, 1000)).width, 300);
   EXPECT_TRUE(build(params(KernelCircular, -3)).empty());
   EXPECT_TRUE(build(p, nullptr, true, Box(0, 0, 0, 0)).empty());
-  // "Input" with nothing connected: empty, and a rebuild drops the previous shape.
-  Kernel k = build(params(KernelCircular, 16));
-  buildMasterKernel(k, params(KernelInput, 16), kFormat2K, nullptr, false);
+  // "Input" with nothing connected: empty.
+  const Kernel k = build(params(KernelInput, 16));
   EXPECT_TRUE(k.empty());
   EXPECT_EQ(k.plane(Chan_Red), nullptr);
 }
@@ -334,12 +330,12 @@ TEST(KernelBank, EntrySizesAndDegenerateMasters) {
 
 TEST(KernelBank, ThreadCountDoesNotChangeTheBytes) {
   auto bankOn = [](unsigned threads) {
-    tzVorel node(nullptr);
-    node.masterKernel = build(params(KernelApertureBlades, 48, [](NodeParameters& p) { p.kSphAbb = -0.4f; }));
-    node.kernelBank.resize(65);
-    Thread::spawn(kernelBankThread, threads, &node);
-    Thread::wait(&node);
-    return std::move(node.kernelBank);
+    const unsigned machine = Thread::numCPUs;
+    Thread::numCPUs = threads;
+    std::vector<Kernel> bank = buildKernelBank(
+        build(params(KernelApertureBlades, 48, [](NodeParameters& p) { p.kSphAbb = -0.4f; })), 60, kRGBA);
+    Thread::numCPUs = machine;
+    return bank;
   };
   const std::vector<Kernel> one = bankOn(1);
   for (unsigned threads : {2u, 7u, 100u}) {  // 100: more threads than entries
