@@ -9,7 +9,6 @@
 #include "DDImage/Interest.h"
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
-#include "DDImage/Thread.h"
 #include "engines/DeepSamples.h"
 #include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
@@ -37,6 +36,13 @@ struct Banner {
 } const banner;
 
 const char* const kInputLabels[] = {"Input", "Kernel", "Camera", "Deep Input", "Mattes"};
+
+// A new frame with the setup of `from` and nothing that opening adds.
+std::shared_ptr<Frame> setupOf(const Frame& from) {
+  auto frame = std::make_shared<Frame>();
+  static_cast<FrameSetup&>(*frame) = from;
+  return frame;
+}
 
 }  // namespace
 
@@ -81,9 +87,7 @@ const MetaData::Bundle& tzVorel::_fetchMetaData(const char*) {
 }
 
 void tzVorel::releaseKernels() {
-  auto kept = std::make_shared<Frame>();
-  static_cast<FrameSetup&>(*kept) = *frame_;
-  frame_ = std::move(kept);
+  frame_ = setupOf(*frame_);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -219,8 +223,7 @@ void tzVorel::openDefocus(Frame& f) {
 }
 
 void tzVorel::_open() {
-  auto f = std::make_shared<Frame>();
-  static_cast<FrameSetup&>(*f) = *frame_;
+  std::shared_ptr<Frame> f = setupOf(*frame_);
   switch (f->params.outputType) {
     case OutputFilterShape:
       f->masterKernel = buildMasterKernel(f->params, f->format, input(1), true);

@@ -336,6 +336,27 @@ TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
   }
 }
 
+TEST(RowGuard, AFrameServesRowsOnlyWithWhatItsOutputNeeds) {
+  // A frame built by hand, no node: the filter shape needs an opened frame, the defocus a bank.
+  Frame frame;
+  frame.params.outputType = OutputFilterShape;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));
+  frame.kernelsReady = true;
+  EXPECT_TRUE(frameHasWhatRowsNeed(frame));
+  frame.masterKernel.allocate(ChannelSet(Mask_RGBA), 3, 3);
+  frame.masterKernel.planes[Chan_Green][4] = 0.75f;
+  Row row(-2, 5);
+  frameRow(frame, 1, -2, 5, ChannelSet(Mask_RGB), row);
+  for (int x = -2; x < 5; ++x) {
+    EXPECT_EQ(row[Chan_Green][x], x == 1 ? 0.75f : 0.0f) << x;
+    EXPECT_EQ(row[Chan_Red][x], 0.0f) << x;
+  }
+  frame.params.outputType = OutputDefocusedImage;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));  // opened, but without a bank
+  frame.params.outputType = 7;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));
+}
+
 TEST(RowGuard, AbortedRowIsLeftAlone) {
   auto node = makeNode();
   auto flat = depthImage(8, 2, 1.0f);
