@@ -120,15 +120,26 @@ void FlatSources::spreadTabledRow(int sy, int fy, int distance, const RowSpan& s
   const std::int32_t* reach = table.reach.data() + rowStart;
   const float* cocs = table.coc.data() + rowStart;
   const std::uint32_t* sliceOf = table.slice.data() + rowStart;
+  // The pixel loop of the whole frame: what it reads is held in locals, not behind `this`.
+  const std::size_t channelCount = colourPlanes_.size();
+  const float* const* planes = colourPlanes_.data();
+  const Channel* channels = context_.channelList.data();
+  float* colours = colours_;
+  SourceSample sample{0, fy, 0, sy, 0.0f, 0, 1.0f, colours, 1.0f, 1.0f};
   for (int sx = left_; sx < right_; ++sx) {
     const int i = sx - left_;
     if (reach[i] < distance)
       continue;
-    const int cx = std::max(0, std::min(fw - 1, sx));
     const MatteValues matte = mattes_.at(sx);
-    takeColours(sx);
-    splatPixel(context_, SourceSample{cx, fy, sx, sy, cocs[i], sliceOf[i], 1.0f, colours_, matte.bloom, matte.chromatic},
-               span, slices);
+    for (std::size_t k = 0; k < channelCount; ++k)
+      colours[channels[k]] = readOr(planes[k], sx, 0.0f);
+    sample.pixelX = std::max(0, std::min(fw - 1, sx));
+    sample.x = sx;
+    sample.coc = cocs[i];
+    sample.slice = sliceOf[i];
+    sample.bloomMatte = matte.bloom;
+    sample.chromaticMatte = matte.chromatic;
+    splatPixel(context_, sample, span, slices);
   }
 }
 
