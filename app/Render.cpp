@@ -1,14 +1,11 @@
 #include "app/Render.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
-#include <exception>
 #include <filesystem>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include "DDImage/Host.h"
@@ -405,57 +402,20 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     }
   out.allocate();
 
-  std::atomic<int> nextRow{box.y()};
-  std::atomic<long> rowsDone{0};
-  std::atomic<bool> failed{false};
-  std::exception_ptr failure;
-  std::mutex failureMutex;
-  auto worker = [&]() {
-    try {
-      for (int y = nextRow++; y < box.t() && !failed; y = nextRow++) {
-        Row row(box.x(), box.r());
-        node.engine(y, box.x(), box.r(), channels, row);
-        for (std::size_t c = 0; c < outChannels.size(); ++c)
-          std::memcpy(out.row(int(c), y), row[outChannels[c]] + box.x(),
-                      std::size_t(box.w()) * sizeof(float));
-        ++rowsDone;
-      }
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(failureMutex);
-      if (!failure)
-        failure = std::current_exception();
-      failed = true;
-    }
+  const auto rowsStart = Clock::now();
+  auto take = [&](int y, const Row& row) {
+    for (std::size_t c = 0; c < outChannels.size(); ++c)
+      std::memcpy(out.row(int(c), y), row[outChannels[c]] + box.x(), std::size_t(box.w()) * sizeof(float));
   };
-  std::vector<std::thread> pool;
-  for (unsigned i = 1; i < threads; ++i)
-    pool.emplace_back(worker);
-  if (report.progress) {
-    // This thread reports while the others work, then joins in.
-    const auto rowsStart = Clock::now();
-    auto tell = [&]() {
-      const auto now = Clock::now();
-      report.progress(rowsDone, box.h(), std::chrono::duration<double>(now - start).count(),
-                      std::chrono::duration<double>(now - rowsStart).count());
-    };
-    std::thread last(worker);
-    while (rowsDone < box.h() && !failed) {
-      tell();
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    last.join();
-    tell();
-  } else {
-    worker();
-  }
-  for (std::thread& t : pool)
-    t.join();
-  if (failure) {
-    try {
-      std::rethrow_exception(failure);
-    } catch (const std::exception& e) {
-      throw RenderError(std::string("rendering failed: ") + e.what());
-    }
+  auto tell = [&](long done) {
+    const auto now = Clock::now();
+    report.progress(done, box.h(), std::chrono::duration<double>(now - start).count(),
+                    std::chrono::duration<double>(now - rowsStart).count());
+  };
+  try {
+    host::renderRows(node, box, channels, threads, take, report.progress ? tell : std::function<void(long)>());
+  } catch (const std::exception& e) {
+    throw RenderError(std::string("rendering failed: ") + e.what());
   }
 
   // --- the file ----------------------------------------------------------------------------
@@ -481,7 +441,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   // The largest CoC is only looked for when the output is a defocus.
   const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
   if (vorelNode && (outputType == vorel::OutputDefocusedImage || outputType == vorel::OutputLensBloom))
-    summary.maxCoC = vorelNode->maxCoC;
+    summary.maxCoC = vorelNode->frame()->maxCoC;
   summary.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   summary.threads = threads;
   return summary;

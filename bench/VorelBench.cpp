@@ -32,9 +32,9 @@
 #include "app/ImageFiles.h"
 #include "app/Knobs.h"
 #include "bench/SceneGenerator.h"
-#include "engines/Slices.h"
 #include "engines/Splat.h"
 #include "lens/CircleOfConfusion.h"
+#include "lens/KernelBank.h"
 #include "node/tzVorel.h"
 
 using namespace DD::Image;
@@ -181,22 +181,11 @@ struct Setup {
 
   // The renderer's loop: rows taken in turn, each into a fresh Row, copied out.
   void rows(unsigned threads) {
-    std::atomic<int> next{box.y()};
-    auto worker = [&] {
-      for (int y = next++; y < box.t(); y = next++) {
-        Row row(box.x(), box.r());
-        node->engine(y, box.x(), box.r(), channels, row);
-        for (std::size_t c = 0; c < outChannels.size(); ++c)
-          std::memcpy(out[c].data() + std::size_t(y - box.y()) * box.w(), row[outChannels[c]] + box.x(),
-                      std::size_t(box.w()) * sizeof(float));
-      }
-    };
-    std::vector<std::thread> pool;
-    for (unsigned i = 1; i < threads; ++i)
-      pool.emplace_back(worker);
-    worker();
-    for (auto& t : pool)
-      t.join();
+    host::renderRows(*node, box, channels, threads, [&](int y, const Row& row) {
+      for (std::size_t c = 0; c < outChannels.size(); ++c)
+        std::memcpy(out[c].data() + std::size_t(y - box.y()) * box.w(), row[outChannels[c]] + box.x(),
+                    std::size_t(box.w()) * sizeof(float));
+    });
   }
 };
 
@@ -209,8 +198,8 @@ void frame(benchmark::State& state, const Case& c) {
     benchmark::ClobberMemory();
   }
   state.counters["rows"] = setup.box.h();
-  state.counters["maxCoC"] = setup.node->maxCoC;
-  state.counters["radius"] = setup.node->kernelRadius;
+  state.counters["maxCoC"] = setup.node->frame()->maxCoC;
+  state.counters["radius"] = setup.node->frame()->kernelRadius;
 }
 
 // ---- the accumulation floor ------------------------------------------------------------------
@@ -230,15 +219,15 @@ void accumulationFloor(benchmark::State& state) {
   const unsigned threads = unsigned(state.range(0));
   Setup setup(cases()[0]);
   setup.open(threads);
-  const tzVorel& node = *setup.node;
-  const vorel::NodeParameters& p = node.params;
-  const auto& bank = node.kernelBank;
+  const std::shared_ptr<const vorel::Frame> frame = setup.node->frame();
+  const vorel::NodeParameters& p = frame->params;
+  const auto& bank = frame->kernelBank;
   const unsigned n = unsigned(bank.size());
-  const int W = setup.box.w(), H = setup.box.h(), R = std::max(0, node.kernelRadius);
+  const int W = setup.box.w(), H = setup.box.h(), R = std::max(0, frame->kernelRadius);
   const int N = std::max(1, p.correctiveSlices);
   const Channel rgba[4] = {Chan_Red, Chan_Green, Chan_Blue, Chan_Alpha};
   const vorelapp::FlatImage& flat = scene().flat;
-  const bool sharedWeights = node.kernelPlanesAlike && p.kChrAbb == 0.0f;
+  const bool sharedWeights = frame->kernelPlanesAlike && p.kChrAbb == 0.0f;
 
   // Per source row, its visits sorted by reach, so a row walks only those that reach it.
   std::vector<std::vector<Visit>> visits(static_cast<std::size_t>(H));
@@ -246,31 +235,12 @@ void accumulationFloor(benchmark::State& state) {
     auto& list = visits[std::size_t(fy)];
     for (int sx = -R; sx < W + R; ++sx) {
       const int cx = std::max(0, std::min(W - 1, sx));
-      const float depth = vorel::conditionFlatDepth(p, flat.row(4, fy)[cx]);
-      vorel::DepthSide side;
-      const float coc = std::max(vorel::depthToCoC(p, node.maxCoC, depth, side), 1.0f);
-      const unsigned slice = vorel::sliceForDepth(p.correctiveSlices, node.sliceBoundaries, depth);
-      unsigned i = n - 1;
-      int passes = 1;
-      float w0 = 1.0f;
-      const float index = floorf(coc);
-      if (index >= 0.0f && index < float(n)) {
-        i = unsigned(index);
-        passes = 2;
-        w0 = 1.0f - (coc - float(bank[i].width)) * 0.5f;
-      }
-      for (int pass = 0; pass < passes; ++pass) {
-        const float w = pass == 0 ? w0 : 1.0f - w0;
-        if (w <= 0.0f) {
-          i += 2;
-          continue;
-        }
-        unsigned e = std::min(i, n - 1);
-        if (e == 0)
-          e = 1;
-        e = std::min(e, n - 1);
-        i = e + 2;
-        Visit v{sx, int(e), bank[e].half, slice, w, {}};
+      const vorel::LensSample lens = frame->sample(flat.row(4, fy)[cx], vorel::DepthSource::FlatChannel);
+      const vorel::KernelBlend blend = vorel::kernelBlend(bank.data(), n, std::max(lens.coc, 1.0f), 1.0f);
+      for (unsigned pass = 0; pass < blend.count; ++pass) {
+        const unsigned e = blend.pass[pass].entry;
+        const float w = blend.pass[pass].weight;
+        Visit v{sx, int(e), bank[e].half, lens.slice, w, {}};
         for (int c = 0; c < 4; ++c)
           v.cw[c] = flat.row(c, fy)[cx] * w;
         list.push_back(v);

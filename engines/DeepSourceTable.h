@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-class tzVorel;
-
 namespace vorel {
+
+struct Frame;
 
 struct DeepSourceTable {
   bool ready = false;
@@ -27,8 +27,8 @@ struct DeepSourceTable {
   void clear();
 };
 
-// Fills the table over the node's box padded by kernelRadius, on Thread::numCPUs threads. The
+// The table over the frame's box padded by kernelRadius, made on the host's threads. The frame's
 // kernel bank must be made.
-void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table);
+DeepSourceTable buildDeepSourceTable(const Frame& frame);
 
 }  // namespace vorel

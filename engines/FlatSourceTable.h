@@ -8,10 +8,11 @@
 #include <vector>
 
 #include "lens/Kernel.h"
-
-class tzVorel;
+#include "lens/NodeParameters.h"
 
 namespace vorel {
+
+struct Frame;
 
 struct FlatSourceTable {
   bool ready = false;
@@ -32,12 +33,12 @@ struct FlatSourceTable {
   void clear();
 };
 
-// The largest kernel half of any bank entry the splat may take for this CoC, whichever of its
-// passes runs. Needs a bank that is not empty.
-std::int32_t flatKernelReach(const std::vector<Kernel>& bank, float coc);
+// Rows from its own position that a source sample's kernels can reach, chromatic shift included:
+// an upper bound. Needs a bank that is not empty.
+std::int32_t sourceReach(const NodeParameters& p, const std::vector<Kernel>& bank, float coc, float chromaticMatte);
 
-// Fills the table over the node's box padded by kernelRadius, on Thread::numCPUs threads. The
+// The table over the frame's box padded by kernelRadius, made on the host's threads. The frame's
 // kernel bank must be made.
-void buildFlatSourceTable(const tzVorel& node, FlatSourceTable& table);
+FlatSourceTable buildFlatSourceTable(const Frame& frame);
 
 }  // namespace vorel

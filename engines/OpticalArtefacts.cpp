@@ -1,20 +1,21 @@
 #include "engines/OpticalArtefacts.h"
 
-#include "node/tzVorel.h"
+#include "engines/Frame.h"
 
 #include <algorithm>
 #include <cmath>
 
 namespace vorel {
 
-void MatteRow::fetch(const tzVorel& node, int y) {
-  if (node.matteChannels.empty())
+void MatteRow::fetch(const Frame& frame, int y) {
+  const MattePlan& plan = frame.mattes;
+  if (plan.channels.empty())
     return;
-  const NodeParameters& p = node.params;
-  row_.get(*node.input(4), y, left_, right_, node.matteChannels);
-  bloom_ = node.useBloomMatte ? row_[p.bloomMatteChannel] : nullptr;
-  defocus_ = node.useDefocusMatte ? row_[p.defocusMatteChannel] : nullptr;
-  chromatic_ = node.useChromaticMatte ? row_[p.chromicAberrationMatteChannel] : nullptr;
+  const NodeParameters& p = frame.params;
+  row_.get(*frame.inputs.mattes, y, left_, right_, plan.channels);
+  bloom_ = plan.bloom ? row_[p.bloomMatteChannel] : nullptr;
+  defocus_ = plan.defocus ? row_[p.defocusMatteChannel] : nullptr;
+  chromatic_ = plan.chromatic ? row_[p.chromicAberrationMatteChannel] : nullptr;
 }
 
 float bloomRadialFactor(const NodeParameters& p, const DD::Image::Box& formatBox, int x, int y) {

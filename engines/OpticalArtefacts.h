@@ -1,11 +1,11 @@
 #pragma once
 #include "DDImage/Box.h"
 #include "DDImage/Row.h"
-#include "node/NodeParameters.h"
-
-class tzVorel;
+#include "lens/NodeParameters.h"
 
 namespace vorel {
+
+struct Frame;
 
 // Bloom strength at an image position, before the bloom matte: bloom * radial factor.
 float bloomRadialFactor(const NodeParameters& p, const DD::Image::Box& formatBox, int x, int y);
@@ -22,7 +22,7 @@ struct MatteValues {
 class MatteRow {
 public:
   MatteRow(int left, int right) : left_(left), right_(right), row_(left, right) {}
-  void fetch(const tzVorel& node, int y);
+  void fetch(const Frame& frame, int y);
   MatteValues at(int x) const {
     return {bloom_ ? bloom_[x] : 1.0f, defocus_ ? defocus_[x] : 1.0f, chromatic_ ? chromatic_[x] : 1.0f};
   }

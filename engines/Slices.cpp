@@ -30,19 +30,6 @@ SliceAccumulators::SliceAccumulators(int slices, int x, int r, const ChannelSet&
   }
 }
 
-unsigned sliceForDepth(int correctiveSlices, const std::vector<float>& sliceBoundaries, float depth) {
-  if (correctiveSlices == 1)
-    return 0;
-  const auto above = std::upper_bound(sliceBoundaries.begin(), sliceBoundaries.end(), depth);
-  const std::ptrdiff_t position = above - sliceBoundaries.begin();
-  // Nothing lies before the first boundary but negative depths: they join the nearest slice.
-  if (position <= 0)
-    return 0;
-  const unsigned slice = static_cast<unsigned>(position - 1);
-  const unsigned last = static_cast<unsigned>(std::max(1, correctiveSlices) - 1);
-  return std::min(slice, last);
-}
-
 void mergeSlices(const SliceAccumulators& slices, Row& out, int x, int r, const ChannelSet& channels,
                  const ChannelSet& vorelChannels) {
   if (r <= x)

@@ -8,7 +8,6 @@
 
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
-#include "node/NodeParameters.h"
 
 namespace vorel {
 
@@ -22,10 +21,6 @@ struct SliceAccumulators {
   std::vector<std::unique_ptr<DD::Image::Row>> colourRows, weightRows;
   std::vector<ChannelPlanes> colourPlanes, weightPlanes;
 };
-
-// The corrective slice of a depth: the last boundary not greater than it. Depths before the first
-// boundary (negative ones) go to slice 0; with one slice the boundaries are not read.
-unsigned sliceForDepth(int correctiveSlices, const std::vector<float>& sliceBoundaries, float depth);
 
 // Writes columns [x, r) of `out` for every channel of `channels` that `vorelChannels` holds.
 void mergeSlices(const SliceAccumulators& slices, DD::Image::Row& out, int x, int r,

@@ -2,7 +2,7 @@
 
 #include "engines/SplatContext.h"
 #include "engines/SplatCore.h"
-#include "node/tzVorel.h"
+#include "engines/Frame.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -41,9 +41,9 @@ SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<K
       kernelPlanes.push_back(entry.plane(c));
 }
 
-SplatContext::SplatContext(const tzVorel& node, const ChannelSet& channels)
-    : SplatContext(node.params, node.kernelBank, node.formatBox(), channels) {
-  if (node.kernelPlanesAlike && node.params.kChrAbb == 0.0f && channelList.size() > 1)
+SplatContext::SplatContext(const Frame& frame, const ChannelSet& channels)
+    : SplatContext(frame.params, frame.kernelBank, frame.format, channels) {
+  if (frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f && channelList.size() > 1)
     sharedWeightChannel = channelList.front();
 }
 
@@ -60,15 +60,12 @@ void shareWeights(const SplatContext& context, const SliceAccumulators& slices, 
 }
 
 VOREL_WIDE_VECTORS
-void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
-                int rowRight, int sourceX, int sourceY, float coc, unsigned slice,
-                float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
-                const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte) {
+void splatPixel(const SplatContext& context, const SourceSample& sample, const RowSpan& row,
+                const SliceAccumulators& slices) {
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
-  splat(context.params, context.bank, context.bankSize, context.format, pixelX, pixelY, rowLeft, rowY,
-        rowRight, sourceX, sourceY, coc, slice, sampleWeight, colours, sliceColourPlanes,
-        sliceWeightPlanes, bloomMatte, chromaticMatte, walk, context.sharedWeightChannel);
+  splat(context.params, context.bank, context.bankSize, context.format, sample, row,
+        slices.colourPlanes.data(), slices.weightPlanes.data(), walk, context.sharedWeightChannel);
 }
 
 }  // namespace vorel

@@ -3,6 +3,7 @@
 
 #include "DDImage/ChannelSet.h"
 #include "engines/Slices.h"
+#include "lens/NodeParameters.h"
 
 namespace vorel {
 

@@ -8,16 +8,33 @@
 #include "DDImage/ChannelSet.h"
 #include "engines/Slices.h"
 #include "lens/Kernel.h"
-#include "node/NodeParameters.h"
-
-class tzVorel;
+#include "lens/NodeParameters.h"
 
 namespace vorel {
 
+struct Frame;
+
+// One source sample to spread: where its colour comes from, where it spreads from, and what it
+// carries.
+struct SourceSample {
+  int pixelX, pixelY;    // the pixel read, clamped into the format: where bloom is measured
+  int x, y;              // the position the kernel is centred on
+  float coc;             // after the matte and the floor of 1.0
+  unsigned slice;
+  float weight;          // 1 for a flat pixel; a deep piece's share of the pixel
+  const float* colours;  // indexed by channel number
+  float bloomMatte, chromaticMatte;
+};
+
+// The output row the accumulators stand for: columns [left, right) of row y.
+struct RowSpan {
+  int left, y, right;
+};
+
 struct SplatContext {
-  // `channels` is the row's request; only those also in the node's vorelChannels are kept.
-  SplatContext(const tzVorel& node, const DD::Image::ChannelSet& channels);
-  // The same from the pieces, for code that holds them without a node.
+  // `channels` is the row's request; only those also in the frame's vorelChannels are kept.
+  SplatContext(const Frame& frame, const DD::Image::ChannelSet& channels);
+  // The same from the pieces, each channel with weights of its own.
   SplatContext(const NodeParameters& params, const std::vector<Kernel>& kernelBank,
                const DD::Image::Box& format, const DD::Image::ChannelSet& channels);
 
@@ -38,11 +55,8 @@ struct SplatContext {
 // Copies the shared channel's weights to the other channels of every slice over [x, r).
 void shareWeights(const SplatContext& context, const SliceAccumulators& slices, int x, int r);
 
-// splatPixel with the node's part and the channel walk prepared by the caller: same arguments in
-// the same order (less the channel set), same sums. Allocates nothing.
-void splatPixel(const SplatContext& context, int pixelX, int pixelY, int rowLeft, int rowY,
-                int rowRight, int sourceX, int sourceY, float coc, unsigned slice,
-                float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
-                const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte);
+// Spreads one source sample into the slice accumulators of one output row. Allocates nothing.
+void splatPixel(const SplatContext& context, const SourceSample& sample, const RowSpan& row,
+                const SliceAccumulators& slices);
 
 }  // namespace vorel

@@ -10,8 +10,10 @@
 #include "DDImage/Channel.h"
 #include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
+#include "engines/SplatContext.h"
 #include "lens/Kernel.h"
-#include "node/NodeParameters.h"
+#include "lens/KernelBank.h"
+#include "lens/NodeParameters.h"
 
 // Where the machine has AVX2 the accumulation runs eight floats wide, chosen once at load. Each
 // element is still one multiply and one add, rounded separately (no FMA: contraction is off), so
@@ -53,6 +55,27 @@ inline int shiftedPosition(const NodeParameters& p, int position, DD::Image::Cha
   // The same shift goes to the column and the row: channels move along the image's diagonal.
   const float shift = (shiftBase(p, c) - std::fabs(p.kChrAbb) * 0.5f) * spread * 0.1f;
   return truncatePosition(static_cast<float>(position) + shift);
+}
+
+// The part of one kernel row that lands on the output row: kernel row dy + h of a kernel centred
+// on (x, y), clipped to the row's span. count <= 0 when nothing lands.
+struct KernelRowClip {
+  int start;         // first output column
+  int kernelOffset;  // index of the kernel value that lands there
+  int count;
+};
+
+inline KernelRowClip clipKernelRow(int x, int y, int h, int width, const RowSpan& row) {
+  const int dy = y - row.y;
+  if (dy > h || dy < -h || x - row.right > h || row.left - x > h)
+    return {0, 0, 0};
+  const int left = std::min(x - row.left - h, 0);
+  const int koff = (dy + h) * width - left;
+  const int start = std::max(x - h, row.left);
+  int count = width + left;
+  if (start + count > row.right)
+    count = row.right - start;
+  return {start, koff, count};
 }
 
 // The hot loop: both accumulators in one sweep, eight floats at a time, then four, then at most
@@ -123,36 +146,25 @@ inline void accumulateColour(float* __restrict P, const float* __restrict K, flo
 // inlined, so that the AVX2 clone of its caller runs the accumulation eight wide.
 template <class Walk>
 __attribute__((always_inline)) inline void splat(
-    const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format, int pixelX,
-    int pixelY, int rowLeft, int rowY, int rowRight, int sourceX, int sourceY, float coc,
-    unsigned slice, float sampleWeight, const float* colours, const ChannelPlanes* sliceColourPlanes,
-    const ChannelPlanes* sliceWeightPlanes, float bloomMatte, float chromaticMatte, const Walk& walk,
+    const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format,
+    const SourceSample& s, const RowSpan& row, const ChannelPlanes* sliceColourPlanes,
+    const ChannelPlanes* sliceWeightPlanes, const Walk& walk,
     DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black) {
   if (n == 0)
     return;
-  const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, pixelX, pixelY) : 0.0f;
-  const float strength = radial * bloomMatte;
+  const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, s.pixelX, s.pixelY) : 0.0f;
+  const float strength = radial * s.bloomMatte;
+  const KernelBlend blend = kernelBlend(bank, n, s.coc, s.weight);
 
-  // floor(coc) taken unsigned: negative, NaN and too large all mean "the last entry, alone".
-  unsigned i = n - 1;
-  int passes = 1;
-  float w0 = 1.0f;
-  const float index = floorf(coc);
-  if (index >= 0.0f && index < static_cast<float>(n)) {
-    i = static_cast<unsigned>(index);
-    passes = 2;
-    w0 = 1.0f - (coc - static_cast<float>(bank[i].width)) * 0.5f;
-  }
-
-  const float spread = std::max(coc * chromaticMatte * 0.5f - 1.0f, 0.0f);
+  const float spread = std::max(s.coc * s.chromaticMatte * 0.5f - 1.0f, 0.0f);
   const bool shifted = p.kChrAbb != 0.0f;
   const bool bloomOnly = p.outputType == OutputLensBloom;
   const float threshold = p.bloomThreshold;
-  const ChannelPlanes& colourPlanes = sliceColourPlanes[slice];
-  const ChannelPlanes& weightPlanes = sliceWeightPlanes[slice];
+  const ChannelPlanes& colourPlanes = sliceColourPlanes[s.slice];
+  const ChannelPlanes& weightPlanes = sliceWeightPlanes[s.slice];
 
   auto spreadValue = [&](DD::Image::Channel c) {
-    float value = colours[c];
+    float value = s.colours[c];
     if (c >= DD::Image::Chan_Red && c <= DD::Image::Chan_Blue) {
       const float b = std::max(0.0f, value - threshold) * strength;
       value = bloomOnly ? b : value + b;
@@ -160,36 +172,17 @@ __attribute__((always_inline)) inline void splat(
     return value;
   };
 
-  for (int pass = 0; pass < passes; ++pass) {
-    const float w = (pass == 0 ? w0 : 1.0f - w0) * sampleWeight;
-    if (w <= 0.0f) {
-      i += 2;
-      continue;
-    }
-    unsigned e = i;
-    if (e >= n)
-      e = n - 1;
-    if (e == 0)
-      e = 1;  // entry 0 is never spread
-    if (e >= n)
-      e = n - 1;  // a one-entry bank has nothing else to offer
-    i = e + 2;
+  for (unsigned pass = 0; pass < blend.count; ++pass) {
+    const unsigned e = blend.pass[pass].entry;
+    const float w = blend.pass[pass].weight;
     const int h = bank[e].half;
     const int width = bank[e].width;
 
     if (!shifted) {
       // Every channel has the same position, so the culling and clipping are worked out once;
       // most sources that don't reach this row leave here, before the channel walk.
-      const int dy = sourceY - rowY;
-      if (dy > h || dy < -h || sourceX - rowRight > h || rowLeft - sourceX > h)
-        continue;
-      const int left = std::min(sourceX - rowLeft - h, 0);
-      const int koff = (dy + h) * width - left;
-      const int start = std::max(sourceX - h, rowLeft);
-      int count = width + left;
-      if (start + count > rowRight)
-        count = rowRight - start;
-      if (count <= 0)
+      const KernelRowClip clip = clipKernelRow(s.x, s.y, h, width, row);
+      if (clip.count <= 0)
         continue;
       walk(e, [&](DD::Image::Channel c, const float* K) {
         float* P = colourPlanes[c];
@@ -197,32 +190,24 @@ __attribute__((always_inline)) inline void splat(
         if (!K || !P || !Q)
           return;
         if (sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel)
-          accumulateColour(P + start, K + koff, spreadValue(c) * w, count);
+          accumulateColour(P + clip.start, K + clip.kernelOffset, spreadValue(c) * w, clip.count);
         else
-          accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
+          accumulate(P + clip.start, Q + clip.start, K + clip.kernelOffset, spreadValue(c) * w, w, clip.count);
       });
       continue;
     }
 
     walk(e, [&](DD::Image::Channel c, const float* K) {
-      const int sx = shiftedPosition(p, sourceX, c, spread);
-      const int sy = shiftedPosition(p, sourceY, c, spread);
-      const int dy = sy - rowY;
-      if (dy > h || dy < -h || sx - rowRight > h || rowLeft - sx > h)
-        return;
-      const int left = std::min(sx - rowLeft - h, 0);
-      const int koff = (dy + h) * width - left;
-      const int start = std::max(sx - h, rowLeft);
-      int count = width + left;
-      if (start + count > rowRight)
-        count = rowRight - start;
-      if (count <= 0)
+      const int sx = shiftedPosition(p, s.x, c, spread);
+      const int sy = shiftedPosition(p, s.y, c, spread);
+      const KernelRowClip clip = clipKernelRow(sx, sy, h, width, row);
+      if (clip.count <= 0)
         return;
       float* P = colourPlanes[c];
       float* Q = weightPlanes[c];
       if (!K || !P || !Q)
         return;
-      accumulate(P + start, Q + start, K + koff, spreadValue(c) * w, w, count);
+      accumulate(P + clip.start, Q + clip.start, K + clip.kernelOffset, spreadValue(c) * w, w, clip.count);
     });
   }
 }

@@ -43,6 +43,28 @@ void deriveLensValues(NodeParameters& p, int fullWidth, int fullHeight, float ui
   p.lensConstant = p.focalLength / (focusMM - p.focalLength) * p.focalLength / p.fStop;
 }
 
+std::vector<float> computeSliceBoundaries(const NodeParameters& p) {
+  std::vector<float> boundaries;
+  const int n = p.correctiveSlices;
+  if (n < 2)
+    return boundaries;
+  if (n == 2)
+    return {0.0f, p.focalPlane};
+
+  float nearDepth = p.regionNear >= 0.0f ? p.regionNear : 0.0f;
+  float farDepth = p.regionFar;
+  if (p.overrideNearAndFarForSlices) {
+    nearDepth = std::min(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
+    farDepth = std::max(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
+  }
+  const float step = (farDepth - nearDepth) / static_cast<float>(n);
+  boundaries.reserve(n);
+  boundaries.push_back(0.0f);
+  for (int i = 1; i < n; ++i)
+    boundaries.push_back(nearDepth + static_cast<float>(i) * step);
+  return boundaries;
+}
+
 float conditionFlatDepth(const NodeParameters& p, float value) {
   if (allExponentBits(value))
     value = kFarLimit;

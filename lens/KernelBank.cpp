@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "node/tzVorel.h"
+#include "lens/ParallelRows.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -143,14 +143,11 @@ bool planesAlike(const std::vector<Kernel>& bank, const ChannelSet& channels) {
   return true;
 }
 
-void kernelBankThread(unsigned threadIndex, unsigned threadCount, void* node) {
-  tzVorel* owner = static_cast<tzVorel*>(node);
-  if (!owner || threadCount == 0)
-    return;
-  const std::size_t entries = owner->kernelBank.size();
-  for (std::size_t i = threadIndex; i < entries; i += threadCount)
-    fillKernelBankEntry(owner->kernelBank, static_cast<int>(i), owner->masterKernel,
-                        owner->params.vorelChannels);
+std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const ChannelSet& vorelChannels) {
+  std::vector<Kernel> bank(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
+  parallelRows(static_cast<int>(bank.size()),
+               [&](int index) { fillKernelBankEntry(bank, index, master, vorelChannels); });
+  return bank;
 }
 
 }  // namespace vorel

@@ -1,10 +1,14 @@
 #pragma once
+// The kernel at every size, resampled from the master kernel, and the rule that turns a CoC into
+// the entries it draws on.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "DDImage/ChannelSet.h"
 #include "lens/Kernel.h"
-
-class tzVorel;
 
 namespace vorel {
 
@@ -23,7 +27,79 @@ void resampleKernel(Kernel& destination, int size, DD::Image::Channel channel, c
 // True when every entry has bit-identical planes in all of `channels`.
 bool planesAlike(const std::vector<Kernel>& bank, const DD::Image::ChannelSet& channels);
 
-// Thread entry for Thread::spawn; `node` is the tzVorel whose kernelBank is filled.
-void kernelBankThread(unsigned threadIndex, unsigned threadCount, void* node);
+// The whole bank for CoCs up to maxCoC: maxCoC + 5 entries (none for a negative count), filled on
+// the host's threads.
+std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const DD::Image::ChannelSet& vorelChannels);
+
+// ---- from a CoC to bank entries ------------------------------------------------------------
+
+// One kernel laid down for a sample: a bank entry and the weight it is laid down with.
+struct KernelPass {
+  unsigned entry;
+  float weight;
+};
+
+// What a CoC takes from a bank of n entries: the entry floor(coc) and the one two sizes above it,
+// weighted by where the CoC falls between their widths, each times the sample's own weight. A
+// pass whose weight is not above 0 is left out, and moves the next pass two entries on from its
+// own. Entry 0 is never used; a negative, NaN or too large CoC takes the last entry, alone.
+struct KernelBlend {
+  unsigned count = 0;
+  KernelPass pass[2];
+};
+
+namespace bankblend {
+// The entry a pass would use, clamped into the bank (entry 0 is never spread).
+inline unsigned clampEntry(unsigned e, unsigned n) {
+  e = std::min(e, n - 1);
+  if (e == 0)
+    e = 1;
+  return std::min(e, n - 1);  // a one-entry bank has nothing else to offer
+}
+// floor(coc) taken unsigned: negative, NaN and too large all mean "the last entry, alone".
+inline bool firstEntry(unsigned n, float coc, unsigned& index) {
+  const float i = floorf(coc);
+  if (i >= 0.0f && i < static_cast<float>(n)) {
+    index = static_cast<unsigned>(i);
+    return true;
+  }
+  index = n - 1;
+  return false;
+}
+}  // namespace bankblend
+
+// Needs n > 0.
+inline KernelBlend kernelBlend(const Kernel* bank, unsigned n, float coc, float sampleWeight) {
+  unsigned i;
+  const bool blended = bankblend::firstEntry(n, coc, i);
+  const int passes = blended ? 2 : 1;
+  const float w0 = blended ? 1.0f - (coc - static_cast<float>(bank[i].width)) * 0.5f : 1.0f;
+  KernelBlend blend;
+  for (int pass = 0; pass < passes; ++pass) {
+    const float w = (pass == 0 ? w0 : 1.0f - w0) * sampleWeight;
+    if (w <= 0.0f) {
+      i += 2;
+      continue;
+    }
+    const unsigned e = bankblend::clampEntry(i, n);
+    i = e + 2;
+    blend.pass[blend.count++] = {e, w};
+  }
+  return blend;
+}
+
+// The largest kernel half of any entry kernelBlend may take for this CoC, whatever the sample's
+// weight. Needs a bank that is not empty.
+inline std::int32_t kernelBlendReach(const std::vector<Kernel>& bank, float coc) {
+  const unsigned n = static_cast<unsigned>(bank.size());
+  unsigned i;
+  bankblend::firstEntry(n, coc, i);
+  const unsigned first = bankblend::clampEntry(i, n);
+  const unsigned entries[3] = {first, bankblend::clampEntry(first + 2, n), bankblend::clampEntry(i + 2, n)};
+  std::int32_t reach = 0;
+  for (unsigned e : entries)
+    reach = std::max(reach, static_cast<std::int32_t>(bank[e].half));
+  return reach;
+}
 
 }  // namespace vorel

@@ -119,10 +119,9 @@ float apertureBladesShape(float x, float y, int width, int height, float halfSiz
   return 1.0f - std::min(1.0f, squared + bulge);
 }
 
-void buildMasterKernel(Kernel& master, const NodeParameters& p, const DD::Image::Box& formatBox,
-                       DD::Image::Iop* kernelImage, bool filterShapeOutput) {
-  // Stale planes of an earlier channel set must not survive a rebuild.
-  master.clear();
+Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBox, DD::Image::Iop* kernelImage,
+                         bool filterShapeOutput) {
+  Kernel master;
 
   int base = p.max_kernelsize;
   if (filterShapeOutput)
@@ -132,7 +131,7 @@ void buildMasterKernel(Kernel& master, const NodeParameters& p, const DD::Image:
   if (fromImage && !kernelImage) {
     // Validation has already reported the missing input; an empty kernel spreads nothing.
     master.allocate(p.vorelChannels, 0, 0);
-    return;
+    return master;
   }
 
   int size = base;
@@ -154,7 +153,7 @@ void buildMasterKernel(Kernel& master, const NodeParameters& p, const DD::Image:
 
   master.allocate(p.vorelChannels, size, size);
   if (size == 0)
-    return;
+    return master;
 
   const float inverseSoftness = 1.0f / std::max(0.001f, p.kSoftness);
   const float halfSize = static_cast<float>(size) * 0.5f;
@@ -183,6 +182,7 @@ void buildMasterKernel(Kernel& master, const NodeParameters& p, const DD::Image:
     }
     sampleImagePlane(plane, size, pixels, inW, inH, scaleX, scaleY);
   }
+  return master;
 }
 
 }  // namespace vorel

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include "DDImage/Box.h"
 #include "DDImage/Channel.h"
@@ -11,7 +12,6 @@
 #include "DDImage/DeepPlane.h"
 #include "DDImage/Row.h"
 #include "lens/CircleOfConfusion.h"
-#include "node/tzVorel.h"
 
 using namespace DD::Image;
 
@@ -32,8 +32,9 @@ int roundedUpCoC(float coc) {
   return static_cast<int>(up);
 }
 
-void scanFlatRow(tzVorel& node, Iop& source, int y, int width) {
-  const NodeParameters& p = node.params;
+// The largest rounded-up CoC of row y so far, read and raised in place: the near-infinite rule
+// reads the running maximum.
+void scanFlatRow(const NodeParameters& p, Iop& source, int y, int width, int& maxCoC) {
   Row row(0, width);
   ChannelSet depthOnly;
   depthOnly += p.depthChannel;
@@ -41,28 +42,22 @@ void scanFlatRow(tzVorel& node, Iop& source, int y, int width) {
   const float* depth = row[p.depthChannel];
   if (!depth)
     return;
+  const std::vector<float> noSlices;
   for (int x = 0; x < width; ++x) {
-    float d = conditionFlatDepth(p, depth[x]);
-    if (!p.realWorldLens)
-      d = clampToRegion(p, d);
-    DepthSide side;
-    const int c = roundedUpCoC(depthToCoC(p, node.maxCoC, d, side));
-    if (c > node.maxCoC)
-      node.maxCoC = c;
+    const int c = roundedUpCoC(lensSample(p, noSlices, maxCoC, depth[x], DepthSource::FlatChannel).coc);
+    if (c > maxCoC)
+      maxCoC = c;
   }
 }
 
-void scanDeepRow(tzVorel& node, int y, int width) {
-  DeepOp* deep = node.deepInput();
-  if (!deep)
-    return;
+void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& maxCoC) {
   ChannelSet depths;
   depths += Chan_DeepFront;
   depths += Chan_DeepBack;
   DeepPlane plane;
-  if (!deep->deepEngine(Box(0, y, width, y + 1), depths, plane))
+  if (!deep.deepEngine(Box(0, y, width, y + 1), depths, plane))
     return;
-  const NodeParameters& p = node.params;
+  const std::vector<float> noSlices;
   for (int x = 0; x < width; ++x) {
     const DeepPixel pixel = plane.getPixel(y, x);
     const std::size_t count = pixel.getSampleCount();
@@ -70,40 +65,37 @@ void scanDeepRow(tzVorel& node, int y, int width) {
       continue;
     // The highest ordered index is the nearest sample; only it decides the pixel's reach.
     const float d = pixel.getOrderedSample(count - 1, Chan_DeepBack);
-    DepthSide side;
-    const int c = roundedUpCoC(depthToCoC(p, node.maxCoC, d, side));
-    if (c > node.maxCoC)
-      node.maxCoC = c;
+    const int c = roundedUpCoC(lensSample(p, noSlices, maxCoC, d, DepthSource::DeepNearest).coc);
+    if (c > maxCoC)
+      maxCoC = c;
   }
 }
 
 }  // namespace
 
-void scanMaxCoC(tzVorel& node) {
-  const Box format = node.formatBox();
+ScanResult scanMaxCoC(const NodeParameters& p, const Box& format, Iop* source, DeepOp* deep) {
   const int width = format.r() - format.x();
   const int height = format.t() - format.y();
-  const NodeParameters& p = node.params;
 
-  node.maxCoC = 0;
-  Iop* source = node.input(0);
+  ScanResult result;
+  int maxCoC = 0;
   for (int y = 0; width > 0 && y < height; ++y) {
-    if (p.hasDeepInput)
-      scanDeepRow(node, y, width);
-    else if (source)
-      scanFlatRow(node, *source, y, width);
+    if (p.hasDeepInput) {
+      if (deep)
+        scanDeepRow(p, *deep, y, width, maxCoC);
+    } else if (source) {
+      scanFlatRow(p, *source, y, width, maxCoC);
+    }
   }
 
-  if (node.maxCoC > p.max_kernelsize) {
-    node.warning("Max kernel size is less than the maximum coc in the result, you may want to consider "
-                 "increasing the max kernel size above %d.",
-                 node.maxCoC);
-    node.maxCoC = p.max_kernelsize;
+  result.found = maxCoC;
+  if (maxCoC > p.max_kernelsize) {
+    result.capped = true;
+    maxCoC = p.max_kernelsize;
   }
-
-  // Room for the entry two sizes above the largest CoC, which the splat blends in.
-  const std::int64_t m = node.maxCoC;
-  node.kernelRadius = static_cast<int>((m - m % 2 + 4) / 2);
+  result.maxCoC = maxCoC;
+  result.kernelRadius = kernelRadiusFor(maxCoC, true);
+  return result;
 }
 
 }  // namespace vorel

@@ -1,7 +1,24 @@
 #pragma once
-class tzVorel;
+// The whole-image CoC scan: the largest CoC of the frame, which sizes the kernel bank and the
+// reach of every row.
+
+#include "DDImage/Box.h"
+#include "lens/NodeParameters.h"
+
+namespace DD { namespace Image { class DeepOp; class Iop; } }
 
 namespace vorel {
-// Walks the whole format once and sets node.maxCoC and node.kernelRadius (may warn).
-void scanMaxCoC(tzVorel& node);
+
+struct ScanResult {
+  int maxCoC = 0;        // capped by max_kernelsize
+  int kernelRadius = 0;  // with room for the blend's upper entry
+  int found = 0;         // the largest CoC as found, before the cap
+  bool capped = false;   // found was above max_kernelsize: the caller warns
+};
+
+// Walks columns and rows [0, width) x [0, height) of `format` once: the deep input's nearest
+// samples when `deep` is given, else the depth channel of `source` (which may be null).
+ScanResult scanMaxCoC(const NodeParameters& p, const DD::Image::Box& format, DD::Image::Iop* source,
+                      DD::Image::DeepOp* deep);
+
 }  // namespace vorel

@@ -57,11 +57,8 @@ bool named(Knob* k, const char* name) {
 
 const char* const kCameraKnobs[] = {"focalPlane", "focalLength", "fStop", "apertureWidth", "apertureHeight"};
 
-}  // namespace
-
-void tzVorel::knobs(Knob_Callback f) {
-  NodeParameters& p = params;
-
+// The panel, one tab at a time, in the order the host shows them.
+void vorelTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Vorel");
   Text_knob(f, "Version", versionText());
   ChannelMask_knob(f, &p.vorelChannels, "vorelChannels", "Vorel Channels");
@@ -101,7 +98,9 @@ void tzVorel::knobs(Knob_Callback f) {
   SetFlags(f, Knob::STARTLINE);
   Tooltip(f, "In some cases artifacts can arise from integrating all the slices together, this will "
              "seperate the front and back focus areas and integrate them seperate to help avoid these.");
+}
 
+void lensTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Lens");
   Bool_knob(f, &p.realWorldLens, "realWorldLens", "Real World Lens Simulation");
   Tooltip(f, "Match the defocusing effects of a real world lens using the below parameters.");
@@ -122,7 +121,9 @@ void tzVorel::knobs(Knob_Callback f) {
   Tooltip(f, "Used for a custom film back size, this is the width of the frames format in mm.");
   Float_knob(f, &p.apertureHeight, "apertureHeight", "Aperture Height");
   Tooltip(f, "Used for a custom film back size, this is the height of the frames format in mm.");
+}
 
+void opticalArtifactsTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Optical Artifacts");
   Float_knob(f, &p.bloom, "bloom", "Bloom");
   SetRange(f, 0, 1);
@@ -148,7 +149,9 @@ void tzVorel::knobs(Knob_Callback f) {
   Input_Channel_knob(f, &p.chromicAberrationMatteChannel, 1, 4, "chromicAberrationMatteChannel",
                      "Chromic Aberration Matte Channel");
   Tooltip(f, "A channel in the Mattes input that is used to modulate the chromic aberration level.");
+}
 
+void kernelTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Kernel");
   Enumeration_knob(f, &p.kernelType, kKernelTypeNames, "kernelType", "Kernel Type");
   Tooltip(f, "Input - use a second input image as the shape.\n"
@@ -178,7 +181,9 @@ void tzVorel::knobs(Knob_Callback f) {
   Float_knob(f, &p.kRotation, "kRotation", "Rotation");
   SetRange(f, 0, 1);
   Tooltip(f, "Rotate the blades.");
+}
 
+void correctiveSlicesTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Corrective Slices");
   Int_knob(f, &p.correctiveSlices, "correctiveSlices", "Number of Corrective Slices");
   SetRange(f, 1, 256);
@@ -191,6 +196,17 @@ void tzVorel::knobs(Knob_Callback f) {
   Tooltip(f, "Customize the viewing volume for corrective slice purposes when the slice count is greater than 2.");
   MultiFloat_knob(f, p.depthSlicesNearAndFar, 2, "depthSlicesNearAndFar", "Near and Far");
   Tooltip(f, "Set the values used to override the near and far plane for corrective slice purposes.");
+}
+
+}  // namespace
+
+void tzVorel::knobs(Knob_Callback f) {
+  NodeParameters& p = params_;
+  vorelTab(f, p);
+  lensTab(f, p);
+  opticalArtifactsTab(f, p);
+  kernelTab(f, p);
+  correctiveSlicesTab(f, p);
 
   // State rules: only enable/disable, never a value.
   setEnabled(*this, "multiplier", !p.realWorldLens);
@@ -209,11 +225,11 @@ int tzVorel::knob_changed(Knob* k) {
   if (named(k, "filmFormat")) {
     Knob* width = knob("apertureWidth");
     Knob* height = knob("apertureHeight");
-    if (params.filmFormat != kCustomFilmFormat) {
+    if (params_.filmFormat != kCustomFilmFormat) {
       if (width) width->disable();
       if (height) height->disable();
-      if (params.filmFormat >= 0 && params.filmFormat < kCustomFilmFormat) {
-        const FilmBack& back = kFilmFormats[params.filmFormat];
+      if (params_.filmFormat >= 0 && params_.filmFormat < kCustomFilmFormat) {
+        const FilmBack& back = kFilmFormats[params_.filmFormat];
         if (width) width->set_value(static_cast<double>(back.width), -1);
         if (height) height->set_value(static_cast<double>(back.height), -1);
       }
@@ -221,17 +237,17 @@ int tzVorel::knob_changed(Knob* k) {
       if (width) width->enable();
       if (height) height->enable();
     }
-    if (width) params.apertureWidth = static_cast<float>(width->get_value(0));
-    if (height) params.apertureHeight = static_cast<float>(height->get_value(0));
+    if (width) params_.apertureWidth = static_cast<float>(width->get_value(0));
+    if (height) params_.apertureHeight = static_cast<float>(height->get_value(0));
     return 1;
   }
   if (named(k, "realWorldLens")) {
-    setEnabled(*this, "multiplier", !params.realWorldLens);
-    setEnabled(*this, "focusRegionFalloff", !params.realWorldLens);
+    setEnabled(*this, "multiplier", !params_.realWorldLens);
+    setEnabled(*this, "focusRegionFalloff", !params_.realWorldLens);
     return 1;
   }
   if (named(k, "overrideNearAndFarForSlices"))
-    setEnabled(*this, "depthSlicesNearAndFar", params.overrideNearAndFarForSlices);
+    setEnabled(*this, "depthSlicesNearAndFar", params_.overrideNearAndFarForSlices);
   return Iop::knob_changed(k);
 }
 

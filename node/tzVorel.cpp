@@ -9,15 +9,14 @@
 #include "DDImage/Interest.h"
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
-#include "DDImage/Thread.h"
-#include "engines/DeepRowEngine.h"
-#include "engines/FlatRowEngine.h"
+#include "engines/DeepSamples.h"
+#include "engines/DeepSourceTable.h"
+#include "engines/FlatSourceTable.h"
 #include "lens/CircleOfConfusion.h"
 #include "lens/KernelBank.h"
 #include "lens/MasterKernel.h"
 #include "lens/Scan.h"
 #include "node/Panel.h"
-#include "previews/Previews.h"
 
 using namespace DD::Image;
 using namespace vorel;
@@ -38,18 +37,22 @@ struct Banner {
 
 const char* const kInputLabels[] = {"Input", "Kernel", "Camera", "Deep Input", "Mattes"};
 
+// A new frame with the setup of `from` and nothing that opening adds.
+std::shared_ptr<Frame> setupOf(const Frame& from) {
+  auto frame = std::make_shared<Frame>();
+  static_cast<FrameSetup&>(*frame) = from;
+  return frame;
+}
+
 }  // namespace
 
 const Iop::Description tzVorel::description("tzVorel", "Kestavian/tzVorel", build);
 
-tzVorel::tzVorel(Node* node) : Iop(node) {
+tzVorel::tzVorel(Node* node) : Iop(node), frame_(std::make_shared<const Frame>()) {
   inputs(5);
 }
 
-tzVorel::~tzVorel() {
-  releaseKernelBank(kernelBank);
-  masterKernel.clear();
-}
+tzVorel::~tzVorel() = default;
 
 const char* tzVorel::Class() const { return description.name; }
 const char* tzVorel::node_help() const { return "Kestavian Labs Vorel"; }
@@ -80,65 +83,30 @@ void tzVorel::append(Hash& hash) {
 }
 
 const MetaData::Bundle& tzVorel::_fetchMetaData(const char*) {
-  return params.metadata;
-}
-
-Box tzVorel::formatBox() const {
-  const Format& f = info().format();
-  return Box(f.x(), f.y(), f.r(), f.t());
-}
-
-DeepOp* tzVorel::deepInput() const {
-  return dynamic_cast<DeepOp*>(Op::input(3));
+  return params_.metadata;
 }
 
 void tzVorel::releaseKernels() {
-  releaseKernelBank(kernelBank);
-  masterKernel.clear();
-  flatSources.clear();
-  deepSources.clear();
-  kernelsReady_ = false;
-  kernelPlanesAlike = false;
+  frame_ = setupOf(*frame_);
 }
 
 // ---------------------------------------------------------------------------------------------
 // Validation
 
-std::vector<float> vorel::computeSliceBoundaries(const NodeParameters& p) {
-  std::vector<float> boundaries;
-  const int n = p.correctiveSlices;
-  if (n < 2)
-    return boundaries;
-  if (n == 2)
-    return {0.0f, p.focalPlane};
-
-  float nearDepth = p.regionNear >= 0.0f ? p.regionNear : 0.0f;
-  float farDepth = p.regionFar;
-  if (p.overrideNearAndFarForSlices) {
-    nearDepth = std::min(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
-    farDepth = std::max(p.depthSlicesNearAndFar[0], p.depthSlicesNearAndFar[1]);
-  }
-  const float step = (farDepth - nearDepth) / static_cast<float>(n);
-  boundaries.reserve(n);
-  boundaries.push_back(0.0f);
-  for (int i = 1; i < n; ++i)
-    boundaries.push_back(nearDepth + static_cast<float>(i) * step);
-  return boundaries;
-}
-
-void tzVorel::_validate(bool for_real) {
-  useBloomMatte = useDefocusMatte = useChromaticMatte = false;
-  matteChannels.clear();
-
-  if (!node_input(1) && params.kernelType == KernelInput)
+// Everything of the frame that validation decides. The camera's values and, for real, the
+// derived lens values are written into the knobs' record first, so that a validation that is not
+// for real keeps those of the last one that was.
+Frame tzVorel::validatedFrame(bool for_real) {
+  Frame f;
+  if (!node_input(1) && params_.kernelType == KernelInput)
     error("No input kernel connected!");
 
   if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2))) {
-    params.focalLength = static_cast<float>(camera->focal_length());
-    params.focalPlane = static_cast<float>(camera->focal_point());
-    params.fStop = static_cast<float>(camera->fstop());
-    params.apertureWidth = static_cast<float>(camera->film_width());
-    params.apertureHeight = static_cast<float>(camera->film_height());
+    params_.focalLength = static_cast<float>(camera->focal_length());
+    params_.focalPlane = static_cast<float>(camera->focal_point());
+    params_.fStop = static_cast<float>(camera->fstop());
+    params_.apertureWidth = static_cast<float>(camera->film_width());
+    params_.apertureHeight = static_cast<float>(camera->film_height());
   }
 
   copy_info();
@@ -150,76 +118,84 @@ void tzVorel::_validate(bool for_real) {
 
   if (node_input(4)) {
     input(4)->validate(for_real);
-    if (params.bloomMatteChannel != Chan_Black) {
-      matteChannels += params.bloomMatteChannel;
-      useBloomMatte = true;
-    }
-    if (params.defocusMatteChannel != Chan_Black) {
-      matteChannels += params.defocusMatteChannel;
-      useDefocusMatte = true;
-    }
-    if (params.chromicAberrationMatteChannel != Chan_Black) {
-      matteChannels += params.chromicAberrationMatteChannel;
-      useChromaticMatte = true;
+    const std::pair<Channel, bool*> mattes[] = {{params_.bloomMatteChannel, &f.mattes.bloom},
+                                                {params_.defocusMatteChannel, &f.mattes.defocus},
+                                                {params_.chromicAberrationMatteChannel, &f.mattes.chromatic}};
+    for (const auto& matte : mattes) {
+      if (matte.first == Chan_Black)
+        continue;
+      f.mattes.channels += matte.first;
+      *matte.second = true;
     }
   }
 
-  params.hasDeepInput = false;
-  if (DeepOp* deep = deepInput()) {
-    params.hasDeepInput = true;
-    deep->validate(true);
+  params_.hasDeepInput = false;
+  f.inputs.deep = dynamic_cast<DeepOp*>(Op::input(3));
+  if (f.inputs.deep) {
+    params_.hasDeepInput = true;
+    f.inputs.deep->validate(true);
   }
 
-  const int m = params.max_kernelsize;
-  if (params.expandBBoxToMaxKernelSize)
+  const int m = params_.max_kernelsize;
+  if (params_.expandBBoxToMaxKernelSize)
     info_.clipmove(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
 
+  f.sliceBoundaries = frame_->sliceBoundaries;
   if (for_real) {
     // The host's output context starts with its proxy scale; every CoC is multiplied by it.
     float uiScale;
     std::memcpy(&uiScale, &uiContext(), sizeof uiScale);
     const Format& full = info_.full_size_format();
-    deriveLensValues(params, full.width(), full.height(), uiScale);
-    sliceBoundaries = computeSliceBoundaries(params);
+    deriveLensValues(params_, full.width(), full.height(), uiScale);
+    f.sliceBoundaries = computeSliceBoundaries(params_);
   }
 
-  maxCoC = m;
-  kernelRadius = (m - m % 2 + 1) / 2;
+  f.params = params_;
+  const Format& format = info().format();
+  f.format = Box(format.x(), format.y(), format.r(), format.t());
+  f.box = info().box();
+  f.inputs.source = input(0);
+  f.inputs.mattes = input(4);
+  f.inputs.deepPreview = dynamic_cast<DeepOp*>(node_input(3, Op::OUTPUT_OP));
+  f.maxCoC = m;
+  f.kernelRadius = kernelRadiusFor(m, false);
+  return f;
+}
 
-  releaseKernels();
+void tzVorel::_validate(bool for_real) {
+  frame_ = std::make_shared<const Frame>(validatedFrame(for_real));
 }
 
 // ---------------------------------------------------------------------------------------------
 // Request and open
 
 void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int count) {
-  const int K = kernelRadius;
+  const Frame& f = *frame_;
+  const NodeParameters& p = f.params;
+  const int K = f.kernelRadius;
   const Box padded(x - K, y - K, r + K, t + K);
 
   if (node_input(0)) {
     ChannelSet wanted = channels;
-    wanted += params.vorelChannels;
-    wanted += params.depthChannel;
+    wanted += p.vorelChannels;
+    wanted += p.depthChannel;
     wanted += Chan_Alpha;
     input(0)->request(padded, wanted, count);
   }
   if (node_input(1)) {
     Iop* kernelImage = input(1);
     const Box& box = kernelImage->info().box();
-    kernelImage->request(box.x(), box.y(), box.r(), box.t(), params.vorelChannels, count);
+    kernelImage->request(box.x(), box.y(), box.r(), box.t(), p.vorelChannels, count);
   }
   if (node_input(4))
-    input(4)->request(padded, matteChannels, count);
-  if (Op::input(3) && params.hasDeepInput) {
-    ChannelSet deepChannels = channels;
-    deepChannels += params.vorelChannels;
-    deepChannels -= Chan_Z;
-    deepChannels += Chan_Alpha;
-    deepChannels += Chan_DeepFront;
-    deepChannels += Chan_DeepBack;
-    if (DeepOp* deep = deepInput()) {
+    input(4)->request(padded, f.mattes.channels, count);
+  if (Op::input(3) && p.hasDeepInput) {
+    if (DeepOp* deep = dynamic_cast<DeepOp*>(Op::input(3))) {
       if (!deep->op()->real_valid())
         deep->op()->validate(true);
+      ChannelSet wanted = channels;
+      wanted += p.vorelChannels;
+      ChannelSet deepChannels = deepPieceChannels(wanted);
       deepChannels &= deep->deepInfo().channels();
       deep->deepRequest(padded, deepChannels, count);
     }
@@ -228,29 +204,39 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
   releaseKernels();
 }
 
+// The defocus outputs: the master kernel, the scan, the bank and the tables, in this order.
+void tzVorel::openDefocus(Frame& f) {
+  f.masterKernel = buildMasterKernel(f.params, f.format, input(1), false);
+  const ScanResult scan = scanMaxCoC(f.params, f.format, f.inputs.source, f.inputs.deep);
+  if (scan.capped)
+    warning("Max kernel size is less than the maximum coc in the result, you may want to consider "
+            "increasing the max kernel size above %d.",
+            scan.found);
+  f.maxCoC = scan.maxCoC;
+  f.kernelRadius = scan.kernelRadius;
+  f.kernelBank = buildKernelBank(f.masterKernel, f.maxCoC, f.params.vorelChannels);
+  f.kernelPlanesAlike = planesAlike(f.kernelBank, f.params.vorelChannels);
+  if (f.params.hasDeepInput)
+    f.deepSources = buildDeepSourceTable(f);
+  else
+    f.flatSources = buildFlatSourceTable(f);
+}
+
 void tzVorel::_open() {
-  switch (params.outputType) {
+  std::shared_ptr<Frame> f = setupOf(*frame_);
+  switch (f->params.outputType) {
     case OutputFilterShape:
-      buildMasterKernel(masterKernel, params, formatBox(), input(1), true);
+      f->masterKernel = buildMasterKernel(f->params, f->format, input(1), true);
       break;
     case OutputDefocusedImage:
     case OutputLensBloom:
-      buildMasterKernel(masterKernel, params, formatBox(), input(1), false);
-      scanMaxCoC(*this);
-      releaseKernelBank(kernelBank);
-      kernelBank.resize(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
-      Thread::spawn(kernelBankThread, Thread::numCPUs, this);
-      Thread::wait(this);
-      kernelPlanesAlike = planesAlike(kernelBank, params.vorelChannels);
-      if (params.hasDeepInput)
-        buildDeepSourceTable(*this, deepSources);
-      else
-        buildFlatSourceTable(*this, flatSources);
+      openDefocus(*f);
       break;
     default:
       break;
   }
-  kernelsReady_ = true;
+  f->kernelsReady = true;
+  frame_ = std::move(f);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -276,9 +262,10 @@ void unrenderedRow(Iop& input, int y, int x, int r, const ChannelSet& channels,
 }  // namespace
 
 void tzVorel::engine(int y, int x, int r, ChannelMask channels, Row& row) {
+  const Frame& f = *frame_;
   ChannelSet fetchChannels = channels;
-  fetchChannels += params.vorelChannels;
-  fetchChannels += params.depthChannel;
+  fetchChannels += f.params.vorelChannels;
+  fetchChannels += f.params.depthChannel;
   fetchChannels += Chan_Alpha;
 
   if (aborted())
@@ -287,68 +274,9 @@ void tzVorel::engine(int y, int x, int r, ChannelMask channels, Row& row) {
   Iop& source = *input(0);
   Interest interest(source, fetchChannels, false, nullptr);
 
-  const bool needsBank = params.outputType == OutputDefocusedImage || params.outputType == OutputLensBloom;
-  const bool known = params.outputType >= OutputDefocusedImage && params.outputType <= OutputFocusMatte;
-  if (!known || (needsBank && (!kernelsReady_ || kernelBank.empty())) ||
-      (params.outputType == OutputFilterShape && !kernelsReady_)) {
-    unrenderedRow(source, y, x, r, channels, params.vorelChannels, row);
+  if (!frameHasWhatRowsNeed(f)) {
+    unrenderedRow(source, y, x, r, channels, f.params.vorelChannels, row);
     return;
   }
-
-  switch (params.outputType) {
-    case OutputFocalDistance:
-    case OutputFocusMatte:
-      if (params.hasDeepInput)
-        deepPreviewRow(*this, y, x, r, channels, row);
-      else
-        flatPreviewRow(*this, y, x, r, channels, row);
-      return;
-    case OutputFilterShape:
-      filterShapeRow(*this, y, x, r, channels, row);
-      return;
-    default:
-      break;
-  }
-
-  if (!params.hasDeepInput) {
-    flatRowEngine(*this, y, x, r, channels, row);
-    return;
-  }
-
-  Row inRow(x, r);
-  inRow.get(source, y, x, r, channels);
-  row.copy(inRow, channels, x, r);
-
-  if (!params.integrateFrontAndBackSeperately) {
-    deepRowEngine(*this, y, x, r, channels, row, DepthSideNone);
-    return;
-  }
-
-  const int focusOutput = params.focusOutput;
-  // The composite reads the front pass's alpha, so that pass computes alpha even when the
-  // request has none.
-  ChannelSet frontChannels = channels;
-  frontChannels += Chan_Alpha;
-  Row frontRow(x, r);
-  if (focusOutput != FocusBack)
-    deepRowEngine(*this, y, x, r, frontChannels, frontRow, DepthSideFront);
-  Row backRow(x, r);
-  if (focusOutput != FocusFront)
-    deepRowEngine(*this, y, x, r, channels, backRow, DepthSideBack);
-
-  const float* frontAlpha = frontRow[Chan_Alpha];
-  foreach (z, channels) {
-    if (!params.vorelChannels.contains(z))
-      continue;
-    float* out = row.writable(z);
-    const float* front = frontRow[z];
-    const float* back = backRow[z];
-    for (int i = x; i < r; ++i) {
-      out[i] = 0.0f;
-      if (focusOutput != FocusFront)
-        out[i] = back[i];
-      if (focusOutput != FocusBack)
-        out[i] = (1.0f - frontAlpha[i]) * out[i] + front[i];
-    }
-  }
+  frameRow(f, y, x, r, channels, row);
 }

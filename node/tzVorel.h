@@ -1,23 +1,19 @@
 #pragma once
 // The lens-defocus node. One class over the host's Iop; the work lives in free functions under
-// lens/, engines/ and previews/, which read the node's public state. From the end of _open the
-// node is read-only, so any number of engine() calls may share it without a lock.
+// lens/, engines/ and previews/, which read the node's frame record and never the node. The
+// frame is rebuilt by _validate and _open and is immutable in between, so any number of engine()
+// calls may share it without a lock.
 
-#include <vector>
+#include <memory>
 
-#include "DDImage/Box.h"
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Hash.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Knobs.h"
 #include "DDImage/MetaData.h"
 #include "DDImage/Row.h"
-#include "engines/DeepSourceTable.h"
-#include "engines/FlatSourceTable.h"
-#include "lens/Kernel.h"
-#include "node/NodeParameters.h"
-
-namespace DD { namespace Image { class DeepOp; } }
+#include "engines/Frame.h"
+#include "lens/NodeParameters.h"
 
 constexpr int kVorelVersion[3] = {1, 4, 3};
 
@@ -44,40 +40,28 @@ public:
 
   static const DD::Image::Iop::Description description;
 
-  // The rectangle of the node's format, as copy_info left it.
-  DD::Image::Box formatBox() const;
-  // Input 3 as a deep op, or null.
-  DD::Image::DeepOp* deepInput() const;
-  // True from the end of an _open that built what the output type needs, until the next
-  // _validate or _request. Rows that need kernels check it rather than trusting the host's order.
-  bool kernelsReady() const { return kernelsReady_; }
-
-  // Releases the bank and the master kernel (both _validate and _request do this).
-  void releaseKernels();
-
-  // State read by the row code. Declared in the order the node owns it.
-  vorel::Kernel masterKernel;
-  vorel::NodeParameters params;
-  std::vector<vorel::Kernel> kernelBank;
-  std::vector<float> sliceBoundaries;
-  bool useBloomMatte = false;
-  bool useDefocusMatte = false;
-  bool useChromaticMatte = false;
-  DD::Image::ChannelSet matteChannels;
-  int kernelRadius = 0;
-  int maxCoC = 0;
-  // Every entry of the bank holds the same plane in every channel (the formula kernels do), so
-  // all channels at one position accumulate the same weights.
-  bool kernelPlanesAlike = false;
-  // Per-frame lens values of the flat source pixels, made with the kernel bank.
-  vorel::FlatSourceTable flatSources;
-  vorel::DeepSourceTable deepSources;
+  // What the rows of the current frame read: the setup of the last _validate, with the kernels
+  // and tables of the last _open until they are released. Never null.
+  std::shared_ptr<const vorel::Frame> frame() const { return frame_; }
 
 private:
-  bool kernelsReady_ = false;
+  vorel::Frame validatedFrame(bool for_real);
+  void openDefocus(vorel::Frame& frame);
+  // The one place where a frame's kernels and tables go: the frame keeps its setup.
+  void releaseKernels();
+
+  // The knobs' fields, with the camera's values and the lens values of the last validation for
+  // real written over them.
+  vorel::NodeParameters params_;
+  std::shared_ptr<const vorel::Frame> frame_;
 };
 
 namespace vorel {
-// The ascending depths at which the corrective slices start, as validation computes them.
-std::vector<float> computeSliceBoundaries(const NodeParameters& p);
+// Whether the frame has what rows of its output type read: rows asked of a frame without its
+// kernels (or of an unknown output type) are not made from it.
+bool frameHasWhatRowsNeed(const Frame& frame);
+// One output row of the frame, as the output type asks; the node's engine() after its abort
+// test and interest.
+void frameRow(const Frame& frame, int y, int x, int r, const DD::Image::ChannelSet& channels,
+              DD::Image::Row& row);
 }  // namespace vorel

@@ -7,8 +7,8 @@
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
 #include "engines/DeepSamples.h"
+#include "engines/Frame.h"
 #include "lens/CircleOfConfusion.h"
-#include "node/tzVorel.h"
 #include "previews/Previews.h"
 
 using namespace DD::Image;
@@ -18,22 +18,58 @@ namespace vorel {
 namespace {
 
 // One preview value, never below 0 (a negative CoC shows as nothing, not as a negative colour).
-float previewValue(const NodeParameters& p, int maxCoC, float depth, Channel c) {
-  if (!p.realWorldLens)
-    depth = clampToRegion(p, depth);
-  DepthSide side;
-  const float coc = depthToCoC(p, maxCoC, depth, side);
+float previewValue(const Frame& frame, float depth, Channel c) {
+  const LensSample lens = frame.sample(depth, DepthSource::DeepPiece);
   float value;
-  previewPixel(p, maxCoC, coc, side, c, value);
+  previewPixel(frame.params, frame.maxCoC, lens.coc, lens.side, c, value);
   return value > 0.0f ? value : 0.0f;
+}
+
+// Columns [x, r) of the colour planes from the deep row at y, front to back over each pixel's
+// combined samples; what no sample covers shows the far limit.
+void previewDeepRow(const Frame& frame, DeepOp& deep, int y, int x, int r, const ChannelSet& colourSet,
+                    float* const planes[4]) {
+  DeepPlane plane;
+  if (!deep.deepEngine(Box(x, y, r, y + 1), deepPieceChannels(frame.params.vorelChannels), plane))
+    return;
+  const Channel depthOfSample = sampleDepthChannel(frame.params.depthChannel);
+  const Box box = plane.box();
+  const ChannelMap& map = plane.channels();
+
+  // The far limit's value is the same for every pixel.
+  float farValue[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+  foreach (c, colourSet)
+    farValue[c] = previewValue(frame, kFarLimit, c);
+
+  // The combined samples do not depend on the channel, so they are made once per pixel.
+  DeepOutPixel combined;
+  combined.reserve(64);
+  for (int X = x; X < r; ++X) {
+    if (X < box.x() || X >= box.r() || y < box.y() || y >= box.t())
+      continue;
+    combined.clear();
+    CombineOverlappingSamples(map, plane.getPixel(y, X), combined);
+    const DeepPixel samples = combined.getPixel(map, DeepPixel::eZDescending);
+    foreach (c, colourSet) {
+      float& out = planes[c][X];
+      const float covered = walkFrontToBack(
+          samples.getSampleCount(), WalkEnd::Exhausted,
+          [&](std::size_t i) { return samples.getOrderedSample(i, Chan_Alpha); },
+          [&](std::size_t i, float, float weight) {
+            out += weight * previewValue(frame, samples.getOrderedSample(i, depthOfSample), c);
+            return true;
+          });
+      if (1.0f > covered)
+        out += (1.0f - covered) * farValue[c];
+    }
+  }
 }
 
 }  // namespace
 
-void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row) {
+void deepPreviewRow(const Frame& frame, int y, int x, int r, const ChannelSet& channels, Row& row) {
   if (r <= x)
     return;
-  const NodeParameters& p = node.params;
 
   ChannelSet passThrough = channels;
   passThrough -= Mask_RGB;
@@ -48,59 +84,10 @@ void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
       planes[c][X] = 0.0f;
   }
 
-  DeepOp* deep = dynamic_cast<DeepOp*>(node.node_input(3, Op::OUTPUT_OP));
-  if (deep && !colourSet.empty()) {
-    ChannelSet deepChannels = p.vorelChannels;
-    deepChannels -= Chan_Z;
-    deepChannels += Chan_Alpha;
-    deepChannels += Chan_DeepFront;
-    deepChannels += Chan_DeepBack;
-    const Channel depthOfSample = sampleDepthChannel(p.depthChannel);
+  if (frame.inputs.deepPreview && !colourSet.empty())
+    previewDeepRow(frame, *frame.inputs.deepPreview, y, x, r, colourSet, planes);
 
-    DeepPlane plane;
-    if (deep->deepEngine(Box(x, y, r, y + 1), deepChannels, plane)) {
-      const Box box = plane.box();
-      const ChannelMap& map = plane.channels();
-
-      // What no sample covers shows the far limit; its value is the same for every pixel.
-      float farValue[4] = {0.0f, 0.0f, 0.0f, 0.0f};
-      foreach (c, colourSet)
-        farValue[c] = previewValue(p, node.maxCoC, kFarLimit, c);
-
-      // The combined samples do not depend on the channel, so they are made once per pixel.
-      DeepOutPixel combined;
-      combined.reserve(64);
-      for (int X = x; X < r; ++X) {
-        if (X < box.x() || X >= box.r() || y < box.y() || y >= box.t())
-          continue;
-        combined.clear();
-        CombineOverlappingSamples(map, plane.getPixel(y, X), combined);
-        const DeepPixel samples = combined.getPixel(map, DeepPixel::eZDescending);
-        const std::size_t count = samples.getSampleCount();
-
-        foreach (c, colourSet) {
-          float& out = planes[c][X];
-          float transmittance = 1.0f;
-          float coveredAlpha = 0.0f;
-          for (std::size_t i = 0; i < count; ++i) {
-            const float depth = samples.getOrderedSample(i, depthOfSample);
-            const float alpha = samples.getOrderedSample(i, Chan_Alpha);
-            const float value = previewValue(p, node.maxCoC, depth, c);
-            const float weight = alpha * transmittance;
-            out += weight * value;
-            coveredAlpha += weight;
-            transmittance = 1.0f - coveredAlpha;
-            if (0.0f >= transmittance)
-              break;
-          }
-          if (1.0f > coveredAlpha)
-            out += (1.0f - coveredAlpha) * farValue[c];
-        }
-      }
-    }
-  }
-
-  Iop* input = node.input(0);
+  Iop* input = frame.inputs.source;
   if (!passThrough.empty() && input) {
     Row inputRow(x, r);
     inputRow.get(*input, y, x, r, passThrough);

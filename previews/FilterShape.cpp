@@ -1,17 +1,17 @@
 #include "previews/Previews.h"
 
-#include "node/tzVorel.h"
+#include "engines/Frame.h"
 
 using namespace DD::Image;
 
 namespace vorel {
 
-void filterShapeRow(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& row) {
+void filterShapeRow(const Frame& frame, int y, int x, int r, const ChannelSet& channels, Row& row) {
   row.erase(channels);
-  const Kernel& kernel = node.masterKernel;
+  const Kernel& kernel = frame.masterKernel;
   const bool rowInside = y >= 0 && y < kernel.height;
   foreach (z, channels) {
-    if (!node.params.vorelChannels.contains(z))
+    if (!frame.params.vorelChannels.contains(z))
       continue;
     const float* plane = kernel.plane(z);
     if (!plane || !rowInside)

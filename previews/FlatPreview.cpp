@@ -1,6 +1,6 @@
 #include "DDImage/Row.h"
 #include "lens/CircleOfConfusion.h"
-#include "node/tzVorel.h"
+#include "engines/Frame.h"
 #include "previews/Previews.h"
 
 using namespace DD::Image;
@@ -46,9 +46,9 @@ void previewPixel(const NodeParameters& p, int maxCoC, float coc, DepthSide side
   result = value;
 }
 
-void flatPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& channels, Row& out) {
-  const NodeParameters& p = node.params;
-  Iop* input = node.input(0);
+void flatPreviewRow(const Frame& frame, int y, int x, int r, const ChannelSet& channels, Row& out) {
+  const NodeParameters& p = frame.params;
+  Iop* input = frame.inputs.source;
 
   Row depthRow(x, r);
   depthRow.get(*input, y, x, r, ChannelSet(p.depthChannel));
@@ -64,13 +64,9 @@ void flatPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
     foreach (c, colourSet)
       planes[c] = out.writable(c);
     for (int X = x; X < r; ++X) {
-      float depth = conditionFlatDepth(p, depths[X]);
-      if (!p.realWorldLens)
-        depth = clampToRegion(p, depth);
-      DepthSide side;
-      const float coc = depthToCoC(p, node.maxCoC, depth, side);
+      const LensSample lens = frame.sample(depths[X], DepthSource::FlatChannel);
       foreach (c, colourSet)
-        previewPixel(p, node.maxCoC, coc, side, c, planes[c][X]);
+        previewPixel(p, frame.maxCoC, lens.coc, lens.side, c, planes[c][X]);
     }
   }
 

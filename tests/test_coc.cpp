@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "lens/CircleOfConfusion.h"
-#include "node/tzVorel.h"
 
 using namespace vorel;
 
@@ -24,10 +23,9 @@ float coc(const NodeParameters& p, float depth, DepthSide* sideOut = nullptr, in
   return c;
 }
 
-// What the flat engines and previews do before depthToCoC.
+// A flat depth sample through the road every engine and preview takes.
 float flatDepth(const NodeParameters& p, float sample) {
-  const float d = conditionFlatDepth(p, sample);
-  return p.realWorldLens ? d : clampToRegion(p, d);
+  return lensSample(p, {}, 256, sample, DepthSource::FlatChannel).depth;
 }
 
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
@@ -42,7 +40,7 @@ TEST(DerivedLensValues, DefaultNodeOn2KFormat) {
   EXPECT_FLOAT_EQ(p.regionNear, 99.5f);
   EXPECT_FLOAT_EQ(p.regionFar, 100.5f);
   // focalPlane 100 counts in centimetres: the focus distance is 1000 mm.
-  EXPECT_NEAR(p.lensConstant, 35.0f / 965.0f * 35.0f / 6.0f, 1e-6f);
+  EXPECT_NEAR(p.lensConstant, 0.2116f, 1e-4f);
   EXPECT_FLOAT_EQ(p.uiScale, 1.0f);
 }
 
@@ -186,4 +184,35 @@ TEST(SliceBoundaries, NegativeNearStartsAtZero) {
   const std::vector<float> b = computeSliceBoundaries(p);
   ASSERT_EQ(b.size(), 4u);
   EXPECT_FLOAT_EQ(b[1], 0.1875f);  // (0.75 - 0) / 4
+}
+
+TEST(DepthSources, EachSourceTakesOnlyItsOwnSteps) {
+  NodeParameters p;
+  p.multiplier = 4.0f;
+  p = derived(p);
+  const std::vector<float> slices = computeSliceBoundaries(p);
+  // A flat NaN is the far limit, clamped to the region: full blur behind, in the last slice.
+  const LensSample flat = lensSample(p, slices, 40, kNaN, DepthSource::FlatChannel);
+  EXPECT_EQ(flat.depth, p.regionFar);
+  EXPECT_FLOAT_EQ(flat.coc, 4.0f);
+  EXPECT_EQ(flat.side, DepthSideBack);
+  EXPECT_EQ(flat.slice, 9u);
+  // A deep piece is clamped but never conditioned: the far limit lands on regionFar as well.
+  EXPECT_EQ(lensSample(p, slices, 40, kFarLimit, DepthSource::DeepPiece).depth, p.regionFar);
+  // The scan's nearest deep sample is taken as it stands, so the near-infinite rule fires.
+  const LensSample nearest = lensSample(p, slices, 40, kFarLimit, DepthSource::DeepNearest);
+  EXPECT_EQ(nearest.depth, kFarLimit);
+  EXPECT_EQ(nearest.coc, 40.0f);
+  // A negative depth goes to the first slice.
+  EXPECT_EQ(lensSample(p, slices, 40, -3.0f, DepthSource::DeepNearest).slice, 0u);
+}
+
+TEST(KernelRadius, BeforeAndAfterTheScan) {
+  EXPECT_EQ(kernelRadiusFor(256, false), 128);
+  EXPECT_EQ(kernelRadiusFor(255, false), 127);
+  EXPECT_EQ(kernelRadiusFor(257, false), 128);
+  EXPECT_EQ(kernelRadiusFor(256, true), 130);
+  EXPECT_EQ(kernelRadiusFor(255, true), 129);
+  EXPECT_EQ(kernelRadiusFor(0, true), 2);
+  EXPECT_EQ(kernelRadiusFor(7, true), 5);
 }

@@ -149,15 +149,17 @@ std::unique_ptr<tzVorel> makeVariantNode(const Scene& scene, const Variant& v, i
 // one by one without either; the first differing value of each channel is reported.
 void expectSame(tzVorel& node, const Box& area, const ChannelSet& channels, const std::string& what) {
   const Image production = render(node, area, channels, 2);
-  if (node.params.outputType <= OutputLensBloom) {
-    EXPECT_TRUE(node.flatSources.ready || node.deepSources.ready) << what << ": no frame table to compare";
+  // The same frame, less its tables, and with every channel accumulating its own weights.
+  Frame plain = *node.frame();
+  if (plain.params.outputType <= OutputLensBloom) {
+    EXPECT_TRUE(plain.flatSources.ready || plain.deepSources.ready) << what << ": no frame table to compare";
   }
-  node.flatSources.clear();
-  node.deepSources.clear();
-  node.kernelPlanesAlike = false;  // and every channel accumulates its own weights
+  plain.flatSources.clear();
+  plain.deepSources.clear();
+  plain.kernelPlanesAlike = false;
   for (int y = area.y(); y < area.t(); ++y) {
     Row row(area.x(), area.r());
-    node.engine(y, area.x(), area.r(), channels, row);
+    frameRow(plain, y, area.x(), area.r(), channels, row);
     foreach (z, channels) {
       const float* ref = row[z];
       for (int x = area.x(); x < area.r(); ++x) {
@@ -185,7 +187,7 @@ void checkAll(bool deep, const std::vector<std::pair<const char*, double>>& extr
       node->validate(true);
       if (v.name.rfind("artistic_wide", 0) == 0 && type == OutputDefocusedImage) {
         host::prepare(*node, node->info().box(), rgbaz());
-        EXPECT_GE(node->maxCoC, 12) << v.name;
+        EXPECT_GE(node->frame()->maxCoC, 12) << v.name;
       }
       const std::string what = (deep ? "deep " : "flat ") + v.name + " type " + std::to_string(type);
       ChannelSet channels = rgbaz();

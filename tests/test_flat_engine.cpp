@@ -110,36 +110,86 @@ TEST(FlatDefocus, FlatDepthKeepsConstantsAndTheMean) {
   EXPECT_LT(roughness, 0.05 * 24 * 40);        // ... and the noise is blurred, not passed through
 }
 
-TEST(FlatDefocus, BrightPixelSpreadsIntoTheKernelAroundItself) {
-  const int cx = 20, cy = 14;
-  // CoC 9 is entry 9 alone; CoC 8 entries 8 and 10 at half each. Both reach 4 pixels each way.
-  for (const auto& [coc, first] : {std::pair<float, int>{9.0f, 9}, {8.0f, 8}}) {
-    SCOPED_TRACE(coc);
-    Scene s(41, 29, onePixel(cx, cy, Chan_Red), coc);
-    const Image out = s.render();
-    auto kernel = [&](int dx, int dy) {  // the weight one source lays at (dx, dy) from it
-      float sum = 0.0f;
-      const float w0 = first == 9 ? 1.0f : 0.5f;
-      for (const auto& [e, w] : {std::pair<int, float>{first, w0}, {10, 1.0f - w0}}) {
-        const Kernel& k = s.node->kernelBank[e];
-        if (std::abs(dx) <= k.half && std::abs(dy) <= k.half)
-          sum += w * k.plane(Chan_Red)[(dy + k.half) * k.width + (dx + k.half)];
-      }
-      return sum;
-    };
-    float total = 0.0f;
-    for (int dy = -4; dy <= 4; ++dy)
-      for (int dx = -4; dx <= 4; ++dx)
-        total += kernel(dx, dy);
-    ASSERT_GT(kernel(4, 0) * kernel(-4, 0) * kernel(0, 4) * kernel(0, -4), 0.0f);  // a circle of side 9
-    ASSERT_EQ(kernel(5, 0) + kernel(-5, 0) + kernel(0, 5) + kernel(0, -5), 0.0f);
-    for (int y = 0; y < 29; ++y)
-      for (int x = 0; x < 41; ++x) {
-        // Output row y reads kernel row cy - y + h: the kernel is mirrored top to bottom.
-        ASSERT_NEAR(out.at(x, y, Chan_Red), kernel(x - cx, cy - y) / total, 1e-5f) << x << "," << y;
-        ASSERT_EQ(out.at(x, y, Chan_Green), 0.0f) << x << "," << y;
-      }
+namespace {
+
+// A bright pixel on black, all of it far: its spread as a user sees it.
+struct Spread {
+  Image out;
+  int w, h;
+  double total(Channel z) const {
+    double sum = 0.0;
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x)
+        sum += out.at(x, y, z);
+    return sum;
   }
+  int covered(Channel z) const {
+    int n = 0;
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x)
+        n += out.at(x, y, z) > 0.0f;
+    return n;
+  }
+};
+
+Spread spreadOf(int px, int py, float coc, int w = 48, int h = 40) {
+  Scene s(w, h, onePixel(px, py, Chan_Red), coc);
+  return {s.render(), w, h};
+}
+
+}  // namespace
+
+TEST(FlatDefocus, BrightPixelKeepsItsEnergyOnlyInItsOwnChannel) {
+  for (float coc : {3.0f, 8.0f, 9.0f, 14.5f}) {
+    const Spread s = spreadOf(24, 20, coc);
+    EXPECT_NEAR(s.total(Chan_Red), 1.0, 2e-3) << coc;
+    EXPECT_EQ(s.total(Chan_Green), 0.0) << coc;
+    EXPECT_EQ(s.out.at(24, 20, Chan_Red) > 0.0f, true) << coc;
+  }
+}
+
+TEST(FlatDefocus, BiggerCoCSpreadsWiderAndLower) {
+  int lastCovered = 0;
+  float lastPeak = 2.0f;
+  for (float coc : {2.0f, 4.0f, 7.0f, 11.0f, 16.0f}) {
+    const Spread s = spreadOf(24, 20, coc);
+    float peak = 0.0f;
+    for (int y = 0; y < 40; ++y)
+      for (int x = 0; x < 48; ++x)
+        peak = std::max(peak, s.out.at(x, y, Chan_Red));
+    EXPECT_GT(s.covered(Chan_Red), lastCovered) << coc;
+    EXPECT_LT(peak, lastPeak) << coc;
+    lastCovered = s.covered(Chan_Red);
+    lastPeak = peak;
+  }
+}
+
+TEST(FlatDefocus, ARoundKernelStaysCentredOnItsSource) {
+  for (float coc : {5.0f, 11.0f, 17.0f}) {
+    const Spread s = spreadOf(24, 20, coc);
+    double sum = 0.0, sx = 0.0, sy = 0.0;
+    int left = 48, right = -1, bottom = 40, top = -1;
+    for (int y = 0; y < 40; ++y)
+      for (int x = 0; x < 48; ++x) {
+        const float v = s.out.at(x, y, Chan_Red);
+        sum += v, sx += v * x, sy += v * y;
+        if (v > 0.0f)
+          left = std::min(left, x), right = std::max(right, x), bottom = std::min(bottom, y), top = std::max(top, y);
+      }
+    EXPECT_NEAR(sx / sum, 24.0, 0.1) << coc;
+    EXPECT_NEAR(sy / sum, 20.0, 0.1) << coc;
+    EXPECT_LE(std::abs((right - 24) - (24 - left)), 1) << coc;
+    EXPECT_LE(std::abs((top - 20) - (20 - bottom)), 1) << coc;
+    EXPECT_LE(std::abs((right - left) - (top - bottom)), 1) << coc;
+  }
+}
+
+TEST(FlatDefocus, MovingTheContentMovesTheResult) {
+  const Spread here = spreadOf(16, 14, 9.0f), there = spreadOf(27, 23, 9.0f);
+  for (int dy = -7; dy <= 7; ++dy)
+    for (int dx = -7; dx <= 7; ++dx)
+      ASSERT_FLOAT_EQ(here.out.at(16 + dx, 14 + dy, Chan_Red), there.out.at(27 + dx, 23 + dy, Chan_Red))
+          << dx << "," << dy;
 }
 
 TEST(FlatLayers, NearSliceOccludesFarOne) {
@@ -170,7 +220,7 @@ TEST(FlatLayers, FrontAndBackKeepTheirOwnSide) {
   setKnob(*front.node, "focusOutput", FocusFront);
   setKnob(*back.node, "focusOutput", FocusBack);
   const Image all = both.render(), near = front.render(), far = back.render();
-  const int reach = both.node->kernelRadius;
+  const int reach = both.node->frame()->kernelRadius;
   for (int y = 0; y < 12; ++y) {
     for (int x = 0; x < 44; ++x) {
       ASSERT_EQ(near.at(x, y, Chan_Z), f(x, y, Chan_Z));  // depth is not blurred
@@ -194,7 +244,7 @@ TEST(FlatLayers, ChromaticShiftDoesNotWidenTheRowsASourceIsVisitedFrom) {
     setKnob(*s.node, "kChrAbb", 10);
     setKnob(*s.node, "kChrAbbOff", offset, 1);
     const Image out = s.render();
-    ASSERT_EQ(s.node->kernelRadius, 22);
+    ASSERT_EQ(s.node->frame()->kernelRadius, 22);
     double green = 0.0;
     for (int y = 0; y < 80; ++y)
       for (int x = 0; x < 80; ++x)
@@ -231,14 +281,14 @@ TEST(FlatBloom, PositionIsTheClampedSourcePositionAndMattesTheSourceColumn) {
   setKnob(*s.node, "outputType", OutputLensBloom);
   setKnob(*s.node, "bloom", 1);
   const Image side = s.render(Box(-6, 10, 26, 11)), above = s.render(Box(0, 40, 20, 41));
-  const Box format = s.node->formatBox();
+  const Box format = s.node->frame()->format;
   // Sources beyond the image take the bloom of the column, and row, they were read from; rows
   // above the box are read from the box's t.
   for (int x = -6; x < 26; ++x)
-    ASSERT_NEAR(side.at(x, 10, Chan_Red), 1.3f * bloomRadialFactor(s.node->params, format, std::clamp(x, 0, 19), 10),
+    ASSERT_NEAR(side.at(x, 10, Chan_Red), 1.3f * bloomRadialFactor(s.node->frame()->params, format, std::clamp(x, 0, 19), 10),
                 1e-5f) << x;
   for (int x = 0; x < 20; ++x)
-    ASSERT_NEAR(above.at(x, 40, Chan_Red), 1.3f * bloomRadialFactor(s.node->params, format, x, 20), 1e-5f) << x;
+    ASSERT_NEAR(above.at(x, 40, Chan_Red), 1.3f * bloomRadialFactor(s.node->frame()->params, format, x, 20), 1e-5f) << x;
 
   // A matte image reaching past the format, its value changing with every column.
   auto mattes = std::make_unique<host::FlatImage>(Format(20, 20), Box(-10, 0, 30, 20), ChannelSet(Mask_RGBA));
@@ -276,7 +326,7 @@ TEST(FlatEdges, SpansBeyondTheFormatTakeDepthFromTheEdgeColumnAndRowsFromTheEdge
   // A span wholly beyond the format, and one that takes it in.
   for (const Box& area : {Box(40, 0, 44, 10), Box(0, 0, 60, 10)}) {
     const Image out = s.render(area);
-    const int reach = s.node->kernelRadius;
+    const int reach = s.node->frame()->kernelRadius;
     for (int y = 0; y < 10; ++y)
       for (int x = std::max(area.x(), 20 + reach); x < area.r(); ++x)
         ASSERT_FLOAT_EQ(out.at(x, y, Chan_Red), colour(x, y)) << x << "," << y;

@@ -19,6 +19,12 @@ std::unique_ptr<host::FlatImage> depthImage(int w, int h, float depth) {
   });
 }
 
+double knobValue(tzVorel& node, const char* name) {
+  Knob* k = node.knob(name);
+  EXPECT_NE(k, nullptr) << name;
+  return k ? k->get_value(0) : 0.0;
+}
+
 bool enabled(tzVorel& node, const char* name) {
   Knob* k = node.knob(name);
   EXPECT_NE(k, nullptr) << name;
@@ -110,11 +116,11 @@ TEST(Panel, ForceRangeClampsOnlyHardRanges) {
   setKnob(*node, "correctiveSlices", 0);
   setKnob(*node, "multiplier", 0.5);
   setKnob(*node, "focalPlane", -3);
-  EXPECT_EQ(node->params.max_kernelsize, 256);
-  EXPECT_EQ(node->params.kNumSides, 3);
-  EXPECT_EQ(node->params.correctiveSlices, 1);
-  EXPECT_EQ(node->params.multiplier, 0.5f);
-  EXPECT_EQ(node->params.focalPlane, -3.0f);
+  EXPECT_EQ(knobValue(*node, "max_kernelsize"), 256);
+  EXPECT_EQ(knobValue(*node, "kNumSides"), 3);
+  EXPECT_EQ(knobValue(*node, "correctiveSlices"), 1);
+  EXPECT_EQ(knobValue(*node, "multiplier"), 0.5);
+  EXPECT_EQ(knobValue(*node, "focalPlane"), -3.0);
 }
 
 TEST(Panel, FilmFormatFillsAndLocksTheFilmBack) {
@@ -124,14 +130,14 @@ TEST(Panel, FilmFormatFillsAndLocksTheFilmBack) {
   EXPECT_FALSE(enabled(*node, "depthSlicesNearAndFar"));
 
   setKnob(*node, "filmFormat", 2);
-  EXPECT_FLOAT_EQ(node->params.apertureWidth, 21.3f);
-  EXPECT_FLOAT_EQ(node->params.apertureHeight, 17.8f);
+  EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureWidth")), 21.3f);
+  EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureHeight")), 17.8f);
   EXPECT_FALSE(enabled(*node, "apertureWidth"));
 
   setKnob(*node, "filmFormat", 9);
   EXPECT_TRUE(enabled(*node, "apertureWidth"));
   EXPECT_TRUE(enabled(*node, "apertureHeight"));
-  EXPECT_FLOAT_EQ(node->params.apertureWidth, 21.3f);
+  EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureWidth")), 21.3f);
 
   EXPECT_EQ(node->knob_changed(node->knob("filmFormat")), 1);
   EXPECT_EQ(node->knob_changed(node->knob("realWorldLens")), 1);
@@ -177,10 +183,10 @@ TEST(Validation, DefaultNodeDerivesLensSlicesAndReach) {
   host::connect(*node, 0, flat.get());
   node->validate(true);
   EXPECT_FALSE(host::hasError(*node));
-  EXPECT_NEAR(node->params.pixelsPerMillimetre, 95.15f, 0.01f);
-  EXPECT_EQ(node->sliceBoundaries.size(), 10u);
-  EXPECT_EQ(node->maxCoC, 256);
-  EXPECT_EQ(node->kernelRadius, 128);
+  EXPECT_NEAR(node->frame()->params.pixelsPerMillimetre, 95.15f, 0.01f);
+  EXPECT_EQ(node->frame()->sliceBoundaries.size(), 10u);
+  EXPECT_EQ(node->frame()->maxCoC, 256);
+  EXPECT_EQ(node->frame()->kernelRadius, 128);
   EXPECT_EQ(node->info().box(), Box(0, 0, 2048, 1556));
   EXPECT_TRUE(node->info().channels() == rgbaz());
 }
@@ -196,7 +202,7 @@ TEST(Validation, KernelInputErrorAtEveryValidation) {
   node->validate(true);
   EXPECT_EQ(host::errorText(*node), "No input kernel connected!");
   // Validation still ran to its end.
-  EXPECT_EQ(node->sliceBoundaries.size(), 10u);
+  EXPECT_EQ(node->frame()->sliceBoundaries.size(), 10u);
 }
 
 TEST(Validation, CameraOverridesTheLensEvenWhenNotForReal) {
@@ -209,15 +215,15 @@ TEST(Validation, CameraOverridesTheLensEvenWhenNotForReal) {
   camera.setFilmHeight(24);
   host::connect(*node, 2, &camera);
   node->validate(false);
-  EXPECT_EQ(node->params.focalLength, 50.0f);
-  EXPECT_EQ(node->params.focalPlane, 250.0f);
-  EXPECT_EQ(node->params.fStop, 2.8f);
-  EXPECT_EQ(node->params.apertureWidth, 36.0f);
-  EXPECT_EQ(node->params.apertureHeight, 24.0f);
+  EXPECT_EQ(node->frame()->params.focalLength, 50.0f);
+  EXPECT_EQ(node->frame()->params.focalPlane, 250.0f);
+  EXPECT_EQ(node->frame()->params.fStop, 2.8f);
+  EXPECT_EQ(node->frame()->params.apertureWidth, 36.0f);
+  EXPECT_EQ(node->frame()->params.apertureHeight, 24.0f);
   // Not for real: the derived values and the slices wait for a validation for real.
-  EXPECT_TRUE(node->sliceBoundaries.empty());
+  EXPECT_TRUE(node->frame()->sliceBoundaries.empty());
   node->validate(true);
-  EXPECT_FLOAT_EQ(node->params.regionFar, 250.5f);
+  EXPECT_FLOAT_EQ(node->frame()->params.regionFar, 250.5f);
 }
 
 TEST(Validation, ExpandingTheBoxByTheMaximumKernel) {
@@ -235,7 +241,7 @@ TEST(Validation, ExpandingTheBoxByTheMaximumKernel) {
     node->invalidate();
     node->validate(true);  // growth does not build up
     EXPECT_EQ(node->info().box(), box) << m;
-    EXPECT_EQ(node->kernelRadius, m / 2) << m;
+    EXPECT_EQ(node->frame()->kernelRadius, m / 2) << m;
   }
 }
 
@@ -247,22 +253,22 @@ TEST(Validation, MattesCountOnlyWhenConnectedAndChosen) {
   setChannelKnob(*node, "bloomMatteChannel", Chan_Red);
   setChannelKnob(*node, "chromicAberrationMatteChannel", Chan_Blue);
   node->validate(true);
-  EXPECT_FALSE(node->useBloomMatte);
-  EXPECT_TRUE(node->matteChannels.empty());
+  EXPECT_FALSE(node->frame()->mattes.bloom);
+  EXPECT_TRUE(node->frame()->mattes.channels.empty());
 
   host::connect(*node, 4, mattes.get());
   node->validate(true);
-  EXPECT_TRUE(node->useBloomMatte);
-  EXPECT_FALSE(node->useDefocusMatte);
-  EXPECT_TRUE(node->useChromaticMatte);
+  EXPECT_TRUE(node->frame()->mattes.bloom);
+  EXPECT_FALSE(node->frame()->mattes.defocus);
+  EXPECT_TRUE(node->frame()->mattes.chromatic);
   ChannelSet both(Chan_Red);
   both += Chan_Blue;
-  EXPECT_TRUE(node->matteChannels == both);
+  EXPECT_TRUE(node->frame()->mattes.channels == both);
 
   setChannelKnob(*node, "bloomMatteChannel", Chan_Black);
   node->validate(true);
-  EXPECT_FALSE(node->useBloomMatte);
-  EXPECT_TRUE(node->matteChannels == ChannelSet(Chan_Blue));
+  EXPECT_FALSE(node->frame()->mattes.bloom);
+  EXPECT_TRUE(node->frame()->mattes.channels == ChannelSet(Chan_Blue));
 }
 
 TEST(Request, InputsAreAskedForThePaddedArea) {
@@ -304,7 +310,7 @@ TEST(Request, DeepInputGetsItsOwnChannels) {
   host::connect(*node, 3, &deep);
   setKnob(*node, "max_kernelsize", 8);
   node->validate(true);
-  EXPECT_TRUE(node->params.hasDeepInput);
+  EXPECT_TRUE(node->frame()->params.hasDeepInput);
   host::clearDeepRequests(deep);
   node->request(0, 0, 16, 16, ChannelSet(Mask_RGB), 1);
   ASSERT_EQ(host::deepRequests(deep).size(), 1u);
@@ -328,6 +334,27 @@ TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
     EXPECT_EQ(row[Chan_Alpha][x], 0.0f);
     EXPECT_EQ(row[Chan_Z][x], 1.0f);
   }
+}
+
+TEST(RowGuard, AFrameServesRowsOnlyWithWhatItsOutputNeeds) {
+  // A frame built by hand, no node: the filter shape needs an opened frame, the defocus a bank.
+  Frame frame;
+  frame.params.outputType = OutputFilterShape;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));
+  frame.kernelsReady = true;
+  EXPECT_TRUE(frameHasWhatRowsNeed(frame));
+  frame.masterKernel.allocate(ChannelSet(Mask_RGBA), 3, 3);
+  frame.masterKernel.planes[Chan_Green][4] = 0.75f;
+  Row row(-2, 5);
+  frameRow(frame, 1, -2, 5, ChannelSet(Mask_RGB), row);
+  for (int x = -2; x < 5; ++x) {
+    EXPECT_EQ(row[Chan_Green][x], x == 1 ? 0.75f : 0.0f) << x;
+    EXPECT_EQ(row[Chan_Red][x], 0.0f) << x;
+  }
+  frame.params.outputType = OutputDefocusedImage;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));  // opened, but without a bank
+  frame.params.outputType = 7;
+  EXPECT_FALSE(frameHasWhatRowsNeed(frame));
 }
 
 TEST(RowGuard, AbortedRowIsLeftAlone) {

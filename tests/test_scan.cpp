@@ -32,7 +32,7 @@ std::unique_ptr<host::FlatImage> focusedImage(int w, int h, int px, int py, floa
 
 void open(tzVorel& node, Iop* image) {
   host::connect(node, 0, image);
-  host::prepare(node, Box(0, 0, std::max(1, node.formatBox().w()), std::max(1, node.formatBox().h())), rgbaz());
+  host::prepare(node, Box(0, 0, std::max(1, node.format().w()), std::max(1, node.format().h())), rgbaz());
 }
 
 }  // namespace
@@ -60,9 +60,9 @@ TEST(ScanFlat, LargestCoCGivesMaxCoCAndReachCappedWithAWarning) {
     setKnob(*node, "max_kernelsize", c.maxKernelSize);
     auto image = focusedImage(c.width, c.height, c.px, c.py, c.depth);
     open(*node, image.get());
-    EXPECT_EQ(node->maxCoC, c.maxCoC) << c.multiplier;
-    EXPECT_EQ(node->kernelRadius, c.kernelRadius) << c.multiplier;
-    EXPECT_EQ(node->kernelBank.size(), static_cast<std::size_t>(c.maxCoC + 5)) << c.multiplier;
+    EXPECT_EQ(node->frame()->maxCoC, c.maxCoC) << c.multiplier;
+    EXPECT_EQ(node->frame()->kernelRadius, c.kernelRadius) << c.multiplier;
+    EXPECT_EQ(node->frame()->kernelBank.size(), static_cast<std::size_t>(c.maxCoC + 5)) << c.multiplier;
     std::vector<std::string> expected;
     if (c.found)
       expected.push_back("Max kernel size is less than the maximum coc in the result, you may want to consider "
@@ -77,7 +77,7 @@ TEST(ScanFlat, DepthIsConditionedAndClampedFirst) {
   setKnob(*node, "backmultiplier", 2.0);
   auto nan = focusedImage(6, 6, 2, 4, std::numeric_limits<float>::quiet_NaN());
   open(*node, nan.get());
-  EXPECT_EQ(node->maxCoC, 6);
+  EXPECT_EQ(node->frame()->maxCoC, 6);
 
   // "1/z": samples of 0.01 are the depth 100, in focus; the one of 100 is the depth 0.01, clamped
   // to the near edge.
@@ -88,7 +88,7 @@ TEST(ScanFlat, DepthIsConditionedAndClampedFirst) {
     return z != Chan_Z ? 0.5f : (x == 4 && y == 1 ? 100.0f : 0.01f);
   });
   open(*inverse, inverted.get());
-  EXPECT_EQ(inverse->maxCoC, 5);  // ceil(4.5)
+  EXPECT_EQ(inverse->frame()->maxCoC, 5);  // ceil(4.5)
 }
 
 TEST(ScanFlat, OnlyTheFormatCountedFromZero) {
@@ -100,7 +100,7 @@ TEST(ScanFlat, OnlyTheFormatCountedFromZero) {
   });
   host::connect(*node, 0, &image);
   host::prepare(*node, Box(10, 0, 26, 8), rgbaz());
-  EXPECT_EQ(node->maxCoC, 5);
+  EXPECT_EQ(node->frame()->maxCoC, 5);
 }
 
 TEST(ScanDeep, NearestSamplesBackDepthUnclampedAndFailedFetches) {
@@ -115,9 +115,9 @@ TEST(ScanDeep, NearestSamplesBackDepthUnclampedAndFailedFetches) {
     deep.finish();
     host::connect(*node, 3, &deep);
     open(*node, flat.get());
-    EXPECT_TRUE(node->params.hasDeepInput);
+    EXPECT_TRUE(node->frame()->params.hasDeepInput);
     EXPECT_TRUE(host::warnings(*node).empty());
-    return std::make_pair(node->maxCoC, node->kernelRadius);
+    return std::make_pair(node->frame()->maxCoC, node->frame()->kernelRadius);
   };
   // The nearest sample's back (100.5) gives CoC 5; its front (100) and the far sample (CoC 10) don't count.
   EXPECT_EQ(scan({{2, 1, 150.0f, 160.0f}, {2, 1, 100.0f, 100.5f}, {5, 3, 100.2f, 100.2f}}), std::make_pair(5, 4));
@@ -137,8 +137,8 @@ TEST(FilterShape, DiscInTheCornerOfA2KFormatAndNothingOutsideIt) {
   host::connect(*node, 0, image.get());
   for (const Box& area : {Box(1500, 776, 2048, 780), Box(-8, -3, 8, 2), Box(1550, 1552, 1560, 1560)}) {
     const Image rows = render(*node, area, rgbaz());
-    ASSERT_EQ(node->masterKernel.width, 1556);
-    const float* plane = node->masterKernel.plane(Chan_Red);
+    ASSERT_EQ(node->frame()->masterKernel.width, 1556);
+    const float* plane = node->frame()->masterKernel.plane(Chan_Red);
     for (int y = area.y(); y < area.t(); ++y)
       for (int x = area.x(); x < area.r(); ++x) {
         const bool inside = x >= 0 && x < 1556 && y >= 0 && y < 1556;
@@ -165,7 +165,7 @@ TEST(FilterShape, EmptyKernelShowsNothing) {
   host::connect(*node, 0, image.get());
   host::connect(*node, 1, &emptyKernel);
   const Image nothing = render(*node, Box(0, 0, 20, 14), ChannelSet(Mask_RGBA));
-  EXPECT_TRUE(node->masterKernel.empty());
+  EXPECT_TRUE(node->frame()->masterKernel.empty());
   foreach (z, nothing.channels)
     EXPECT_EQ(nothing.planes[z], std::vector<float>(nothing.planes[z].size(), 0.0f));
 }

@@ -17,6 +17,7 @@
 #include "engines/Slices.h"
 #include "engines/Splat.h"
 #include "engines/SplatContext.h"
+#include "lens/CircleOfConfusion.h"
 #include "lens/KernelBank.h"
 
 using namespace DD::Image;
@@ -46,14 +47,15 @@ std::vector<Kernel> makeBank(int n, const std::function<float(int, int, int)>& v
 
 // One slice of accumulators over absolute columns [0, kColumns), one plane per RGBA channel.
 struct Accumulators {
-  std::vector<float> colour[5], weight[5];
-  ChannelPlanes colourPlanes{}, weightPlanes{};
+  SliceAccumulators slices{1, 0, kColumns, ChannelSet(Mask_RGBA)};
+  float* colour[5] = {};
+  float* weight[5] = {};
   explicit Accumulators(float fill = 0.0f) {
     for (int c = 1; c <= 4; ++c) {
-      colour[c].assign(kColumns, fill);
-      weight[c].assign(kColumns, fill);
-      colourPlanes[c] = colour[c].data();
-      weightPlanes[c] = weight[c].data();
+      colour[c] = slices.colourPlanes[0][c];
+      weight[c] = slices.weightPlanes[0][c];
+      std::fill(colour[c], colour[c] + kColumns, fill);
+      std::fill(weight[c], weight[c] + kColumns, fill);
     }
   }
 };
@@ -68,8 +70,8 @@ struct Splat {
   void run(Accumulators& acc, int rowLeft, int rowY, int rowRight, int sx, int sy, float coc,
            float sampleWeight = 1.0f, float bloomMatte = 1.0f, float chromaticMatte = 1.0f) {
     const SplatContext context(params, bank, Box(0, 0, 96, 96), channels);
-    splatPixel(context, 48, 48, rowLeft, rowY, rowRight, sx, sy, coc, 0, sampleWeight, colours,
-               &acc.colourPlanes, &acc.weightPlanes, bloomMatte, chromaticMatte);
+    splatPixel(context, SourceSample{48, 48, sx, sy, coc, 0, sampleWeight, colours, bloomMatte, chromaticMatte},
+               RowSpan{rowLeft, rowY, rowRight}, acc.slices);
   }
   void run(Accumulators& acc, float coc, float sampleWeight = 1.0f, float bloomMatte = 1.0f) {
     run(acc, 0, 40, kColumns, 40, 40, coc, sampleWeight, bloomMatte);

@@ -1,4 +1,10 @@
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
 #include <numeric>
 
 #include "Access.h"
@@ -366,6 +372,53 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
   }
   plane.finish();
   return true;
+}
+
+// ---- rows -------------------------------------------------------------------------------------
+
+void renderRows(Iop& op, const Box& area, const ChannelSet& channels, unsigned threads,
+                const std::function<void(int y, const Row& row)>& take,
+                const std::function<void(long done)>& progress) {
+  std::atomic<int> nextRow{area.y()};
+  std::atomic<long> rowsDone{0};
+  std::atomic<bool> failed{false};
+  std::exception_ptr failure;
+  std::mutex failureMutex;
+  auto worker = [&]() {
+    try {
+      for (int y = nextRow++; y < area.t() && !failed; y = nextRow++) {
+        Row row(area.x(), area.r());
+        op.engine(y, area.x(), area.r(), channels, row);
+        take(y, row);
+        ++rowsDone;
+      }
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(failureMutex);
+      if (!failure)
+        failure = std::current_exception();
+      failed = true;
+    }
+  };
+  std::vector<std::thread> pool;
+  for (unsigned i = 1; i < std::max(1u, threads); ++i)
+    pool.emplace_back(worker);
+  if (progress) {
+    // This thread reports while the others work.
+    std::thread last(worker);
+    const long total = area.t() > area.y() ? long(area.t()) - area.y() : 0;
+    while (rowsDone < total && !failed) {
+      progress(rowsDone);
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    last.join();
+    progress(rowsDone);
+  } else {
+    worker();
+  }
+  for (std::thread& t : pool)
+    t.join();
+  if (failure)
+    std::rethrow_exception(failure);
 }
 
 }  // namespace host

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
 
 #include "DDImage/Row.h"
 
@@ -64,24 +62,13 @@ Image render(tzVorel& node, const Box& area, const ChannelSet& channels, unsigne
   foreach (z, channels)
     image.planes[z].assign(static_cast<std::size_t>(area.w()) * area.h(), 0.0f);
 
-  std::atomic<int> next{area.y()};
-  auto worker = [&] {
-    for (int y = next++; y < area.t(); y = next++) {
-      Row row(area.x(), area.r());
-      node.engine(y, area.x(), area.r(), channels, row);
-      foreach (z, channels) {
-        const float* values = row[z];
-        std::copy(values + area.x(), values + area.r(),
-                  image.planes[z].begin() + static_cast<std::ptrdiff_t>(y - area.y()) * area.w());
-      }
+  host::renderRows(node, area, channels, threads, [&](int y, const Row& row) {
+    foreach (z, channels) {
+      const float* values = row[z];
+      std::copy(values + area.x(), values + area.r(),
+                image.planes[z].begin() + static_cast<std::ptrdiff_t>(y - area.y()) * area.w());
     }
-  };
-  std::vector<std::thread> pool;
-  for (unsigned i = 1; i < threads; ++i)
-    pool.emplace_back(worker);
-  worker();
-  for (auto& t : pool)
-    t.join();
+  });
   return image;
 }
 

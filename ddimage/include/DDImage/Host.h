@@ -4,6 +4,7 @@
 // requests, knobs). Tests and the command-line renderer use this; the node never does.
 
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -19,6 +20,7 @@
 #include "DDImage/Iop.h"
 #include "DDImage/Knob.h"
 #include "DDImage/Op.h"
+#include "DDImage/Row.h"
 
 namespace DD {
 namespace Image {
@@ -167,6 +169,18 @@ public:
   const char* Class() const override { return "HostCamera"; }
   const char* node_help() const override { return "in-memory camera"; }
 };
+
+// ---- rows -------------------------------------------------------------------------------------
+
+// The host's row loop over an opened op: op.engine for every row of `area`, on `threads` threads
+// (at least one) taking rows in turn, each row made into a Row of its own over the area's span
+// and handed to take(y, row) on the thread that made it. progress(done), when given, is called
+// on the calling thread about every 100 ms while rows are made, and once when all are done. The
+// first exception thrown by engine or take stops the other threads at their next row and is
+// thrown again here once they have all ended.
+void renderRows(Iop& op, const Box& area, const ChannelSet& channels, unsigned threads,
+                const std::function<void(int y, const Row& row)>& take,
+                const std::function<void(long done)>& progress = nullptr);
 
 }  // namespace host
 }  // namespace Image

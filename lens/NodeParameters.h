@@ -1,6 +1,7 @@
 #pragma once
-// Every knob value and every value derived from them, in one record held by the node.
-// Knobs bind straight to these fields; the row code reads them directly.
+// Every knob value and every value derived from them, in one record. The node's knobs bind
+// straight to the fields of its own copy; each frame takes a copy of its own, which the lens,
+// the engines and the previews read.
 
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
