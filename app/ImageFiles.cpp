@@ -397,7 +397,9 @@ void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* 
     applyExrHeader(spec, *header);
 
   TemporaryFile temp(path);
-  if (!out->open(temp.path(), spec))
+  const bool opened = header ? openExrParts(*out, temp.path(), spec, *header)
+                             : out->open(temp.path(), spec);
+  if (!opened)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   const std::size_t w = std::size_t(std::max(0, image.box.w()));
   const int band = 64;
@@ -421,6 +423,7 @@ void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* 
       ok = out->write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
     }
   }
+  ok = ok && (!header || finishExrParts(*out, temp.path(), *header));
   ok = ok && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));

@@ -20,6 +20,8 @@ namespace {
 // Attributes the writer decides itself, from the image it writes: the layout and OpenImageIO's
 // notes about the file it read.
 bool describesLayout(const std::string& name) {
+  if (name == "oiio:subimagename")  // a part's name is its own
+    return false;
   return name.rfind("oiio:", 0) == 0 || name == "compression" || name == "openexr:lineOrder" ||
          name == "openexr:chunkCount" || name == "Software" || name == "tiles" ||
          name == "chunkCount";
@@ -122,6 +124,9 @@ ExrHeader readExrHeader(const std::string& path) {
   }
   for (int c = 0; c < spec.nchannels; ++c)
     header.channelTypes.emplace_back(spec.channel_name(c), spec.channelformat(c));
+  header.source = path;
+  for (int i = 0; in->seek_subimage(i, 0); ++i)
+    header.parts.push_back(in->spec());
   return header;
 }
 

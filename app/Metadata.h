@@ -27,6 +27,11 @@ struct ExrHeader {
   // Per channel name, the input's pixel type; channels not listed are written as float.
   std::vector<std::pair<std::string, OIIO::TypeDesc>> channelTypes;
   PixelType pixelType = PixelType::AsInput;
+
+  // The input's other parts, written back unchanged around the rendered one.
+  std::string source;               // the file they are copied from
+  int part = 0;                     // which part of `source` the rendered image replaces
+  std::vector<OIIO::ImageSpec> parts;  // every part's header, the rendered one's included
 };
 
 // The header of input 0's file (first part): every attribute but those that describe the
@@ -49,6 +54,13 @@ void addVorelAttributes(ExrHeader& header, const std::string& settings, const st
 // Sets `spec`'s attributes, compression, line order and channel formats from the header. The
 // writer calls it with the spec already holding the windows and channel names.
 void applyExrHeader(OIIO::ImageSpec& spec, const ExrHeader& header);
+
+// A multi-part output: opens every part and writes the input's parts before the rendered one,
+// leaving the output on the rendered part; then, once it is written, the parts after it. With
+// one part these are a plain open and nothing. False when the output or the input fails.
+bool openExrParts(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& rendered,
+                  const ExrHeader& header);
+bool finishExrParts(OIIO::ImageOutput& out, const std::string& path, const ExrHeader& header);
 
 // The lens a header describes. Each value names the key it came from; `missing` lists, for each
 // value not found, the keys that were looked for.
