@@ -3,7 +3,10 @@
 #include <OpenImageIO/imageio.h>
 
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <sstream>
 
 #include "DDImage/Host.h"
@@ -55,9 +58,12 @@ std::vector<double> numbers(const OIIO::ParamValue& p) {
       values.push_back(v);
     return values;
   }
-  const int n = int(t.numelements() * t.aggregate) * p.nvalues();
-  for (int i = 0; i < n; ++i)
-    values.push_back(double(p.get_float_indexed(i)));
+  const TypeDesc base(TypeDesc::BASETYPE(t.basetype));
+  if (base.basetype == TypeDesc::UNKNOWN || base.basetype == TypeDesc::PTR)
+    return values;
+  values.resize(t.basevalues() * std::size_t(p.nvalues()));
+  if (!OIIO::convert_type(base, p.data(), TypeDesc::DOUBLE, values.data(), int(values.size())))
+    values.clear();
   return values;
 }
 
@@ -100,6 +106,32 @@ const OIIO::ParamValue* findKey(const OIIO::ParamValueList& attributes, const Le
   return nullptr;
 }
 
+// OpenImageIO writes the EXR line order it is given but does not report the one it reads, so it
+// is read here from the first header: after the magic number and version, attributes as
+// name, type, size, value, up to an empty name.
+std::string exrLineOrder(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  char magic[8];
+  if (!in.read(magic, 8) || std::memcmp(magic, "\x76\x2f\x31\x01", 4) != 0)
+    return "";
+  for (int attributes = 0; attributes < 1000; ++attributes) {
+    std::string name, type;
+    if (!std::getline(in, name, '\0') || name.empty() || !std::getline(in, type, '\0'))
+      return "";
+    unsigned char size[4];
+    if (!in.read(reinterpret_cast<char*>(size), 4))
+      return "";
+    const std::uint32_t n = size[0] | size[1] << 8 | size[2] << 16 | std::uint32_t(size[3]) << 24;
+    if (name == "lineOrder" && type == "lineOrder" && n == 1) {
+      const int order = in.get();
+      return order == 1 ? "decreasingY" : order == 2 ? "randomY" : "increasingY";
+    }
+    if (!in.seekg(n, std::ios::cur))
+      return "";
+  }
+  return "";
+}
+
 std::string numberText(double v) {
   std::ostringstream s;
   s.precision(6);
@@ -120,7 +152,7 @@ ExrHeader readExrHeader(const std::string& path) {
       header.attributes.push_back(p);
   if (std::string(in->format_name()) == "openexr") {
     header.compression = spec.get_string_attribute("compression", "zip");
-    header.lineOrder = spec.get_string_attribute("openexr:lineOrder");
+    header.lineOrder = exrLineOrder(path);
   }
   for (int c = 0; c < spec.nchannels; ++c)
     header.channelTypes.emplace_back(spec.channel_name(c), spec.channelformat(c));
