@@ -391,6 +391,21 @@ TEST(Headers, TheInputsHeaderSurvivesWithVorelsOwnAdded) {
   EXPECT_EQ(vorel(dir, {"render", "in.exr", "-o", "x.exr", "--settings-from", "in.exr"}).code, 2);
 }
 
+TEST(Headers, LayersThatAreNotBlurredAreCopied) {
+  TempDir dir;
+  FlatImage in = readFlatImage(FrameFile{}.write(dir / "base.exr"));
+  in.channels.push_back("spec.R");
+  in.planes.push_back(in.planes[0]);
+  for (std::size_t i = 0; i < in.planes.back().size(); ++i)
+    in.planes.back()[i] = float(i % 7) * 0.3f;
+  writeExr(dir / "in.exr", in);
+  ASSERT_EQ(vorel(dir, Names{"render", "in.exr", "-o", "out.exr"} + kBlur).code, 0);
+  const FlatImage out = readFlatImage(dir / "out.exr");
+  ASSERT_EQ(out.channels, in.channels);
+  EXPECT_EQ(out.planes[5], in.planes[5]);
+  EXPECT_NE(out.planes[0], in.planes[0]) << "the colour was not blurred";
+}
+
 TEST(Headers, MultiPartFilesComeBackWhole) {
   TempDir dir;
   FrameFile beauty;
