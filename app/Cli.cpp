@@ -361,6 +361,25 @@ int runRender(CommandLine& c, std::ostream& out, std::ostream& err, bool errIsTe
 
 }  // namespace
 
+ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
+  CommandLine c;
+  addCommands(c);
+  std::vector<const char*> argv = {"vorel", "render"};
+  for (const std::string& a : args)
+    argv.push_back(a.c_str());
+  try {
+    c.app.parse(int(argv.size()), argv.data());
+  } catch (const CLI::ParseError& e) {
+    std::string what = e.what();
+    for (char& ch : what)
+      if (ch == '\n')
+        ch = ' ';
+    throw UsageError(what);
+  }
+  gatherRenderOptions(c);
+  return c.shot;
+}
+
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
   CommandLine c;

@@ -196,6 +196,21 @@ TEST(Frames, KeysAreLinearBetweenAndHeldOutside) {
   EXPECT_THROW(Curve::fromKeys("1:1 2:1,2", "test"), UsageError);
 }
 
+TEST(Frames, ArgumentsParseAsTheCommandLineParsesThem) {
+  const ShotOptions o = parseRenderArguments(
+      {"in.####.exr", "-o", "out.####.exr", "--frames", "1-9x2", "--set", "a=1", "--set", "b=2",
+       "--half", "--skip-existing", "--focus-at", "3,4", "--camera-file", "cam.chan"});
+  EXPECT_EQ(o.render.input, "in.####.exr");
+  EXPECT_EQ(o.frames, "1-9x2");
+  EXPECT_EQ(o.cameraFile, "cam.chan");
+  ASSERT_EQ(o.render.settings.size(), 2u);
+  EXPECT_EQ(o.render.settings[1].name, "b");
+  EXPECT_TRUE(o.skipExisting && o.render.hasFocusAt && o.render.focusY == 4);
+  EXPECT_EQ(o.render.pixelType, PixelType::Half);
+  EXPECT_THROW(parseRenderArguments({"in.exr", "-o", "x.exr", "--half", "--float"}), UsageError);
+  EXPECT_THROW(parseRenderArguments({"in.exr"}), UsageError);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Shots through the program
 
