@@ -1,7 +1,8 @@
 #pragma once
 // Runs one tzVorel node over image files as a host would: inputs from files, knobs by name, the
 // call protocol (validate, request, open), then every row of the output box on several threads,
-// straight into the output image, which is written atomically.
+// straight into the output image, which is written atomically with input 0's header.
+// One frame; Sequence.h renders shots of them.
 
 #include <functional>
 #include <memory>

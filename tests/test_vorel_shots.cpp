@@ -59,7 +59,7 @@ struct Outcome {
 // vorel run in `dir` (relative paths are the directory's), as the built program when `binary`,
 // else in this process through the same entry, which is quicker: the program's start-up
 // (OpenImageIO's) costs about as much as a small shot frame.
-Outcome vorel(const TempDir& dir, const Names& args, bool binary = false) {
+Outcome vorel(const TempDir& dir, const Names& args, bool binary = false, bool terminal = false) {
   if (binary) {
     std::string command = "cd '" + dir.path.string() + "' && " + VOREL_BINARY;
     for (const std::string& a : args)
@@ -76,7 +76,7 @@ Outcome vorel(const TempDir& dir, const Names& args, bool binary = false) {
   for (const std::string& a : args)
     argv.push_back(a.c_str());
   std::ostringstream out, err;
-  const int code = vorelMain(int(argv.size()), argv.data(), out, err, false);
+  const int code = vorelMain(int(argv.size()), argv.data(), out, err, terminal);
   fs::current_path(back);
   return {code, out.str(), err.str()};
 }
@@ -306,6 +306,20 @@ TEST(Shots, FailedFramesAreListedAndTheRestRenderedOrResumed) {
     EXPECT_EQ(r.code, 2) << bad[2] << ": " << r.err;
     EXPECT_EQ(count(r.err, "\n"), 1u) << r.err;
   }
+}
+
+TEST(Shots, ProgressCoversTheWholeShot) {
+  TempDir dir;
+  for (int f : {1, 2, 3})
+    FrameFile{}.write(dir / ("in." + std::to_string(f) + ".exr"));
+  std::ofstream(dir / "out.2.exr") << "done before";
+  const Outcome r = vorel(dir, Names{"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-3",
+                                     "--skip-existing"} + kBlur, false, true);
+  ASSERT_EQ(r.code, 0) << r.err;
+  for (const char* part : {"] frame 1/3, 20/20 rows", "] frame 3/3, 20/20 rows",
+                           "frame 2 (2/3): skipped", "frame 3 (3/3): wrote",
+                           "3 frames: 2 rendered", "1 skipped, 0 failed"})
+    EXPECT_NE(r.err.find(part), std::string::npos) << part << " in " << r.err;
 }
 
 TEST(Shots, JsonRecordsAloneOnStandardOutput) {
