@@ -356,7 +356,19 @@ int runRender(CommandLine& c, std::ostream& out, std::ostream& err, bool errIsTe
     if (!c.quiet || r.status == FrameRecord::Failed)
       err << kProgram << ": " << frameLine(r, finished, count, left) << "\n";
   };
-  return shotEnd(renderShot(shot, report), c.quiet, err);
+  try {
+    return shotEnd(renderShot(shot, report), c.quiet, err);
+  } catch (const std::exception& e) {
+    // A render without frame numbers fails as a whole; under --json it still gets its record.
+    if (c.json) {
+      FrameRecord failed;
+      failed.outputs = c.shot.render.outputs;
+      failed.status = FrameRecord::Failed;
+      failed.error = e.what();
+      out << frameJson(failed) << "\n" << std::flush;
+    }
+    throw;
+  }
 }
 
 }  // namespace

@@ -339,6 +339,10 @@ TEST(Shots, JsonRecordsAloneOnStandardOutput) {
   EXPECT_NE(records[1].find("\"status\":\"failed\""), std::string::npos);
   EXPECT_NE(records[1].find("no such file: in.2.exr"), std::string::npos);
 
+  const Outcome single = vorel(dir, {"render", "in.2.exr", "-o", "x.exr", "--json"});
+  EXPECT_EQ(single.code, 2);
+  EXPECT_NE(single.out.find("\"status\":\"failed\""), std::string::npos) << single.out;
+
   const Outcome knobs = vorel(dir, {"knobs", "--json"}, true);
   ASSERT_EQ(knobs.code, 0);
   EXPECT_EQ(knobs.out.front(), '[') << "the banner or a message is on stdout";
