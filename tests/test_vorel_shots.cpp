@@ -247,6 +247,37 @@ TEST(Shots, AFocusPullRendersEachFrameAsItsOwnSettingWould) {
   EXPECT_FALSE(samePixels(dir / "chan.1001.exr", dir / "chan.1004.exr"));
 }
 
+TEST(Shots, KernelAndMattePathsFollowTheFrameToo) {
+  TempDir dir;
+  for (int f : {1, 2}) {
+    const std::string n = std::to_string(f);
+    FrameFile{}.write(dir / ("in." + n + ".exr"));
+    // Frame 1's aperture is a square, frame 2's a cross; frame 2's matte holds half the blur back.
+    FlatImage kernel;
+    kernel.format = kernel.box = {0, 0, 9, 9};
+    kernel.channels = {"R", "G", "B", "A"};
+    kernel.allocate();
+    for (auto& plane : kernel.planes)
+      for (int i = 0; i < 81; ++i)
+        plane[std::size_t(i)] = f == 1 || i % 9 == 4 || i / 9 == 4 ? 1.0f : 0.0f;
+    writeExr(dir / ("k." + n + ".exr"), kernel);
+    FlatImage matte = readFlatImage(dir / ("in." + n + ".exr"));
+    for (std::size_t i = 0; i < matte.planes[3].size(); ++i)
+      matte.planes[3][i] = f == 1 || i % 32 < 16 ? 1.0f : 0.0f;
+    writeExr(dir / ("m." + n + ".exr"), matte);
+  }
+  const Names knobs = kBlur + Names{"--set", "defocusMatteChannel=rgba.alpha"};
+  ASSERT_EQ(vorel(dir, Names{"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-2",
+                             "--kernel", "k.#.exr", "--mattes", "m.%d.exr"} + knobs).code, 0);
+  for (const std::string n : {"1", "2"}) {
+    const Outcome one = vorel(dir, Names{"render", "in." + n + ".exr", "-o", "one.exr", "--kernel",
+                                         "k." + n + ".exr", "--mattes", "m." + n + ".exr"} + knobs);
+    ASSERT_EQ(one.code, 0) << one.err;
+    EXPECT_TRUE(samePixels(dir / ("out." + n + ".exr"), dir / "one.exr")) << n;
+  }
+  EXPECT_FALSE(samePixels(dir / "out.1.exr", dir / "out.2.exr"));
+}
+
 TEST(Shots, TheCameraFollowsItsTrack) {
   TempDir dir;
   for (int f = 1; f <= 3; ++f)
