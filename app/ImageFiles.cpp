@@ -19,6 +19,7 @@
 #include <system_error>
 
 #include "app/AppError.h"
+#include "app/Metadata.h"
 
 namespace fs = std::filesystem;
 using OIIO::ImageSpec;
@@ -383,7 +384,7 @@ ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int heigh
 
 }  // namespace
 
-void writeExr(const std::string& path, const FlatImage& image) {
+void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
   checkDirectory(path);
   auto out = createOutput(path);
   const int nch = int(image.channels.size());
@@ -392,9 +393,13 @@ void writeExr(const std::string& path, const FlatImage& image) {
   spec.alpha_channel = image.channelIndex("A");
   spec.z_channel = image.channelIndex("Z");
   spec.attribute("compression", "zip");
+  if (header)
+    applyExrHeader(spec, *header);
 
   TemporaryFile temp(path);
-  if (!out->open(temp.path(), spec))
+  const bool opened = header ? openExrParts(*out, temp.path(), spec, *header)
+                             : out->open(temp.path(), spec);
+  if (!opened)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   const std::size_t w = std::size_t(std::max(0, image.box.w()));
   const int band = 64;
@@ -418,6 +423,7 @@ void writeExr(const std::string& path, const FlatImage& image) {
       ok = out->write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
     }
   }
+  ok = ok && (!header || finishExrParts(*out, temp.path(), *header));
   ok = ok && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));

@@ -12,6 +12,8 @@
 
 namespace vorelapp {
 
+struct ExrHeader;
+
 struct Rect {
   int x = 0, y = 0, r = 0, t = 0;
   int w() const { return r - x; }
@@ -82,8 +84,9 @@ FlatImage flattenDeep(const DeepImage& deep);
 enum class FileKind { Exr, Display, Unknown };
 FileKind fileKindFor(const std::string& path);
 
-// A 32-bit float EXR: the format as display window, the box as data window.
-void writeExr(const std::string& path, const FlatImage& image);
+// An EXR: the format as display window, the box as data window. Without a header, 32-bit float
+// and zip; with one, its attributes, compression, line order and pixel types.
+void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header = nullptr);
 
 // 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only, 0 outside the box.
 // red/green/blue/alpha are channel indices of `image`, -1 where absent; with none of the three

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <thread>
 
 #include "DDImage/Host.h"
@@ -203,6 +204,336 @@ ChannelSet renderChannels(const std::string& text, const ChannelSet& available,
   return set;
 }
 
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point t) {
+  return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+void tell(const RenderReport& report, const std::string& s) {
+  if (report.note)
+    report.note(s);
+}
+
+void warn(const RenderReport& report, const std::string& s) {
+  if (report.warning)
+    report.warning(s);
+}
+
+// What the options name, checked before anything is read: the outputs and their kinds, and which
+// file is input 0 and which the deep input (a deep INPUT is taken as --deep).
+struct Plan {
+  std::vector<FileKind> kinds;  // of each output
+  std::string input, deepPath;
+};
+
+Plan checkPlan(const RenderOptions& o) {
+  Plan plan;
+  if (o.outputs.empty())
+    throw UsageError("no output file: give -o FILE");
+  for (const std::string& output : o.outputs) {
+    plan.kinds.push_back(fileKindFor(output));
+    if (plan.kinds.back() == FileKind::Unknown)
+      throw UsageError("cannot write " + output +
+                       ": the output must be .exr, or .png, .jpg or .tif for a quick look");
+  }
+  plan.input = o.input;
+  plan.deepPath = o.deep;
+  if (plan.input.empty() && plan.deepPath.empty())
+    throw UsageError("no input: give an INPUT image, or a deep image with --deep");
+  if (!plan.input.empty() && isDeepFile(plan.input)) {
+    if (!plan.deepPath.empty())
+      throw UsageError(plan.input + " is a deep image; with --deep given, INPUT must be flat");
+    plan.deepPath = plan.input;
+    plan.input.clear();
+  }
+  std::vector<std::string> reads = {plan.input, plan.deepPath, o.kernel, o.mattes};
+  reads.insert(reads.end(), o.presetFiles.begin(), o.presetFiles.end());
+  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
+    const std::string& output = o.outputs[i];
+    for (const std::string& in : reads)
+      if (!in.empty() && sameFile(in, output))
+        throw UsageError("the output " + output + " is also an input; choose another name");
+    for (std::size_t j = 0; j < i; ++j)
+      if (sameFile(o.outputs[j], output))
+        throw UsageError("the output " + output + " is given twice");
+    std::error_code ec;
+    if (fs::is_directory(output, ec))
+      throw UsageError("the output " + output + " is a directory");
+    // Found out now rather than after the render.
+    const fs::path parent = fs::path(output).parent_path();
+    if (!parent.empty() && !fs::is_directory(parent, ec))
+      throw UsageError("cannot write " + output + ": no directory " + parent.string());
+  }
+  return plan;
+}
+
+// The images and camera on the node's inputs, and the header the outputs inherit.
+struct Inputs {
+  FlatSource input0, kernel, mattes;
+  std::unique_ptr<host::DeepImage> deep;
+  std::unique_ptr<host::Camera> camera;
+  CameraValues cameraValues;
+  std::string input0Name;
+  ExrHeader header;  // of input 0's file, or of the deep file it was flattened from
+};
+
+void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& report,
+                Inputs& in) {
+  in.input0Name = plan.input;
+  if (!plan.deepPath.empty()) {
+    std::size_t nans = 0;
+    DeepImage d = readDeepImage(plan.deepPath, &nans);
+    if (nans)
+      warn(report, plan.deepPath + ": " + std::to_string(nans) +
+                       " NaN values (a NaN depth counts as infinitely far)");
+    if (plan.input.empty()) {
+      in.input0 = toHost(flattenDeep(d), plan.deepPath);
+      in.input0Name = plan.deepPath + " (flattened)";
+    }
+    in.deep = toHostDeep(d, plan.deepPath);
+  }
+  if (!plan.input.empty())
+    in.input0 = loadFlat(plan.input, report);
+  if (!o.kernel.empty())
+    in.kernel = loadFlat(o.kernel, report);
+  if (!o.mattes.empty())
+    in.mattes = loadFlat(o.mattes, report);
+  in.header = readExrHeader(plan.input.empty() ? plan.deepPath : plan.input);
+}
+
+// --camera, or the lens input 0's header describes (with --camera filling in what it lacks).
+void makeCamera(const RenderOptions& o, const RenderReport& report, Inputs& in) {
+  if (!o.hasCamera && !o.cameraFromMetadata)
+    return;
+  CameraValues values = o.camera;
+  if (o.cameraFromMetadata) {
+    const HeaderCamera found = cameraFromHeader(in.header.attributes);
+    std::string missing;
+    for (const std::string& m : found.missing)
+      missing += (missing.empty() ? "" : "; ") + m;
+    if (!found.missing.empty() && !o.hasCamera)
+      throw UsageError("--camera-from-metadata: " + in.input0Name + " has no " + missing +
+                       "; give the rest with --camera");
+    std::string taken;
+    for (const std::string& t : found.taken)
+      taken += (taken.empty() ? "" : ", ") + t;
+    tell(report, "camera from " + in.input0Name + ": " + (taken.empty() ? "nothing" : taken) +
+                     (missing.empty() ? "" : "; from --camera: " + missing));
+    for (auto [value, into] : {std::pair{found.focal, &values.focal}, {found.haperture, &values.haperture},
+                               {found.vaperture, &values.vaperture}, {found.focus, &values.focus},
+                               {found.fstop, &values.fstop}})
+      if (value)
+        *into = *value;
+  }
+  in.cameraValues = values;
+  in.camera = std::make_unique<host::Camera>();
+  in.camera->setFocalLength(values.focal);
+  in.camera->setFilmWidth(values.haperture);
+  in.camera->setFilmHeight(values.vaperture);
+  in.camera->setFocalPoint(values.focus);
+  in.camera->setFstop(values.fstop);
+}
+
+void connectInputs(Iop& node, const RenderOptions& o, const Plan& plan, const Inputs& in) {
+  auto connect = [&](int i, Op* source, const std::string& what) {
+    if (source && !host::connect(node, i, source))
+      throw RenderError("the node refused " + what + " on its input " + std::to_string(i));
+  };
+  connect(0, in.input0.op.get(), in.input0Name);
+  connect(1, in.kernel.op.get(), o.kernel);
+  connect(2, in.camera.get(), "the camera");
+  connect(3, in.deep.get(), plan.deepPath);
+  connect(4, in.mattes.op.get(), o.mattes);
+}
+
+// An image on the Kernel input is meant to be used, a camera to act as a real lens; the user's
+// own settings come after and win.
+void applyKnobs(Iop& node, const RenderOptions& o, const Inputs& in, const RenderReport& report) {
+  std::vector<KnobSetting> settings;
+  if (in.kernel.op)
+    settings.push_back({"kernelType", "Input", "--kernel"});
+  if (in.camera)
+    settings.push_back({"realWorldLens", "on", o.hasCamera ? "--camera" : "--camera-from-metadata"});
+  settings.insert(settings.end(), o.settings.begin(), o.settings.end());
+  for (const KnobSetting& s : settings) {
+    const std::string clamped = applySetting(node, s);
+    if (!clamped.empty())
+      tell(report, clamped);
+    if (in.camera && (s.name == "focalPlane" || s.name == "focalLength" || s.name == "fStop" ||
+                      s.name == "apertureWidth" || s.name == "apertureHeight"))
+      warn(report, s.origin + ": " + s.name + " has no effect: the camera's value replaces it");
+  }
+}
+
+// The median depth around a pixel, leaving out what holds no surface: depths that are not
+// finite, not above 0 or at the far limit, and pixels with no alpha where there is alpha.
+float focusDepth(const RenderOptions& o, const Iop& node, const Inputs& in) {
+  const host::FlatImage& image = *in.input0.op;
+  const Box& b = image.dataBox();
+  const std::string where = std::to_string(o.focusX) + "," + std::to_string(o.focusY);
+  if (o.focusX < b.x() || o.focusX >= b.r() || o.focusY < b.y() || o.focusY >= b.t())
+    throw UsageError("--focus-at " + where + " lies outside " + in.input0Name + " (x " +
+                     std::to_string(b.x()) + " to " + std::to_string(b.r() - 1) + ", y " +
+                     std::to_string(b.y()) + " to " + std::to_string(b.t() - 1) + ")");
+  const Channel depth = channelKnob(node, "depthChannel");
+  if (!in.input0.channels().contains(depth))
+    throw UsageError("--focus-at: " + in.input0Name + " has no depth channel " + getName(depth));
+  const bool hasAlpha = in.input0.channels().contains(Chan_Alpha);
+  const int reach = 2;  // a 5x5 neighbourhood
+  std::vector<float> depths;
+  for (int y = std::max(b.y(), o.focusY - reach); y <= std::min(b.t() - 1, o.focusY + reach); ++y)
+    for (int x = std::max(b.x(), o.focusX - reach); x <= std::min(b.r() - 1, o.focusX + reach); ++x) {
+      const float z = image.value(x, y, depth);
+      if (std::isfinite(z) && z > 0.0f && z < 1e30f && !(hasAlpha && !(image.value(x, y, Chan_Alpha) > 0.0f)))
+        depths.push_back(z);
+    }
+  if (depths.empty())
+    throw UsageError("--focus-at " + where + ": no surface there (every depth in the 5x5 " +
+                     "around it is empty or background)");
+  std::sort(depths.begin(), depths.end());
+  const std::size_t n = depths.size();
+  return n % 2 ? depths[n / 2] : 0.5f * (depths[n / 2 - 1] + depths[n / 2]);
+}
+
+// --focus-at: the depth found becomes the focus distance of the camera, or the focal plane.
+void focusAt(Iop& node, const RenderOptions& o, Inputs& in, const RenderReport& report) {
+  if (!o.hasFocusAt)
+    return;
+  const float z = focusDepth(o, node, in);
+  std::ostringstream text;
+  text.precision(7);
+  text << z;
+  if (in.camera) {
+    in.cameraValues.focus = z;
+    in.camera->setFocalPoint(z);
+    host::connect(node, 2, in.camera.get());  // invalidates what the node took from it
+  } else {
+    applySetting(node, {"focalPlane", text.str(), "--focus-at"});
+  }
+  tell(report, "focus at " + std::to_string(o.focusX) + "," + std::to_string(o.focusY) + ": " +
+                   (in.camera ? "camera focus distance " : "focalPlane ") + text.str());
+}
+
+// Validation, and the checks that only make sense on a validated node.
+struct Validated {
+  ChannelSet channels;  // to render
+  Box box;              // the output box
+  int outputType = 0;
+};
+
+Validated validateNode(Iop& node, const RenderOptions& o, const Inputs& in,
+                       const RenderReport& report) {
+  node.validate(true);
+  if (host::hasError(node))
+    throw RenderError(host::errorText(node));
+
+  Validated v;
+  const ChannelSet available = node.channels();
+  v.channels = renderChannels(o.channels, available, in.input0, in.input0Name);
+  v.outputType = intKnob(node, "outputType");
+  const Channel depth = channelKnob(node, "depthChannel");
+  if (!in.deep && v.outputType != vorel::OutputFilterShape && depth != Chan_Black &&
+      !available.contains(depth))
+    throw UsageError(in.input0Name + " has no depth channel " + getName(depth) + " (it has " +
+                     in.input0.listing() + "); name one with --set depthChannel=NAME");
+  for (const char* knobName : {"bloomMatteChannel", "defocusMatteChannel",
+                               "chromicAberrationMatteChannel"}) {
+    const Channel z = channelKnob(node, knobName);
+    if (z == Chan_Black)
+      continue;
+    if (!in.mattes.op)
+      warn(report, std::string(knobName) + " has no effect without --mattes");
+    else if (!in.mattes.channels().contains(z))
+      throw UsageError(o.mattes + " has no channel " + getName(z) + " for " + knobName +
+                       " (it has " + in.mattes.listing() + ")");
+  }
+
+  v.box = Box(node.x(), node.y(), node.r(), node.t());
+  if (v.box.w() <= 0 || v.box.h() <= 0)
+    throw RenderError("the output is empty: " + in.input0Name + " has no pixels");
+  return v;
+}
+
+void openNode(Iop& node, const Validated& v, unsigned threads, const RenderReport& report) {
+  Thread::numCPUs = threads;
+  node.request(v.box, v.channels, 1);
+  node.open();
+  if (host::hasError(node))
+    throw RenderError(host::errorText(node));
+  for (const std::string& w : host::warnings(node))
+    warn(report, w);
+}
+
+// Every row of the box into an image with input 0's names for the channels rendered, in the
+// file's order. Rows go to `threads` workers; with a progress report this thread reports while
+// the others work, then joins in.
+struct Rendered {
+  FlatImage image;
+  std::vector<Channel> channels;  // the host's channel of each of the image's
+};
+
+Rendered runRows(Iop& node, const Validated& v, const FlatSource& input0, unsigned threads,
+                 const RenderReport& report, Clock::time_point start) {
+  const Box& box = v.box;
+  Rendered rendered;
+  FlatImage& out = rendered.image;
+  std::vector<Channel>& outChannels = rendered.channels;
+  out.format = {node.format().x(), node.format().y(), node.format().r(), node.format().t()};
+  out.box = {box.x(), box.y(), box.r(), box.t()};
+  for (const auto& n : input0.names)
+    if (v.channels.contains(n.first)) {
+      outChannels.push_back(n.first);
+      out.channels.push_back(n.second);
+    }
+  out.allocate();
+
+  auto take = [&](int y, const Row& row) {
+    for (std::size_t c = 0; c < outChannels.size(); ++c)
+      std::memcpy(out.row(int(c), y), row[outChannels[c]] + box.x(),
+                  std::size_t(box.w()) * sizeof(float));
+  };
+  const auto rowsStart = Clock::now();
+  auto tell = [&](long done) {
+    report.progress(done, box.h(), secondsSince(start), secondsSince(rowsStart));
+  };
+  try {
+    host::renderRows(node, box, v.channels, threads, take,
+                     report.progress ? tell : std::function<void(long)>());
+  } catch (const std::exception& e) {
+    throw RenderError(std::string("rendering failed: ") + e.what());
+  }
+  return rendered;
+}
+
+// The EXR header: input 0's, told how to store pixels, with the knobs and camera that made it.
+ExrHeader outputHeader(const Iop& node, const RenderOptions& o, const Inputs& in) {
+  ExrHeader header = in.header;
+  if (!o.compression.empty())
+    header.compression = o.compression;
+  header.pixelType = o.pixelType;
+  addVorelAttributes(header, settingsText(node, *makeNode()),
+                     in.camera ? cameraText(in.cameraValues) : "");
+  return header;
+}
+
+void writeOutputs(const RenderOptions& o, const Plan& plan, const Rendered& out,
+                  const ExrHeader& header) {
+  auto index = [&](Channel z) {
+    for (std::size_t c = 0; c < out.channels.size(); ++c)
+      if (out.channels[c] == z)
+        return int(c);
+    return -1;
+  };
+  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
+    if (plan.kinds[i] == FileKind::Exr)
+      writeExr(o.outputs[i], out.image, &header);
+    else
+      writeDisplayImage(o.outputs[i], out.image, index(Chan_Red), index(Chan_Green),
+                        index(Chan_Blue), index(Chan_Alpha));
+  }
+}
+
 }  // namespace
 
 CameraValues parseCamera(const std::string& text) {
@@ -244,205 +575,52 @@ std::unique_ptr<Op> makeNode() {
   return node;
 }
 
+std::string cameraText(const CameraValues& c) {
+  std::ostringstream s;
+  s.precision(9);
+  s << "focal=" << c.focal << ",haperture=" << c.haperture << ",vaperture=" << c.vaperture
+    << ",focus=" << c.focus << ",fstop=" << c.fstop;
+  return s.str();
+}
+
 RenderSummary render(const RenderOptions& o, const RenderReport& report) {
-  using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
-  auto note = [&](const std::string& s) { if (report.note) report.note(s); };
-  auto warn = [&](const std::string& s) { if (report.warning) report.warning(s); };
+  const Plan plan = checkPlan(o);
+  Inputs in;
+  loadImages(o, plan, report, in);
+  makeCamera(o, report, in);
 
-  // --- what was asked for ---------------------------------------------------------------
-  if (o.outputs.empty())
-    throw UsageError("no output file: give -o FILE");
-  std::vector<FileKind> kinds;
-  for (const std::string& output : o.outputs) {
-    kinds.push_back(fileKindFor(output));
-    if (kinds.back() == FileKind::Unknown)
-      throw UsageError("cannot write " + output +
-                       ": the output must be .exr, or .png, .jpg or .tif for a quick look");
-  }
-  std::string input = o.input, deepPath = o.deep;
-  if (input.empty() && deepPath.empty())
-    throw UsageError("no input: give an INPUT image, or a deep image with --deep");
-  if (!input.empty() && isDeepFile(input)) {
-    if (!deepPath.empty())
-      throw UsageError(input + " is a deep image; with --deep given, INPUT must be flat");
-    deepPath = input;
-    input.clear();
-  }
-  std::vector<std::string> reads = {input, deepPath, o.kernel, o.mattes};
-  reads.insert(reads.end(), o.presetFiles.begin(), o.presetFiles.end());
-  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
-    const std::string& output = o.outputs[i];
-    for (const std::string& in : reads)
-      if (!in.empty() && sameFile(in, output))
-        throw UsageError("the output " + output + " is also an input; choose another name");
-    for (std::size_t j = 0; j < i; ++j)
-      if (sameFile(o.outputs[j], output))
-        throw UsageError("the output " + output + " is given twice");
-    std::error_code ec;
-    if (fs::is_directory(output, ec))
-      throw UsageError("the output " + output + " is a directory");
-    // Found out now rather than after the render.
-    const fs::path parent = fs::path(output).parent_path();
-    if (!parent.empty() && !fs::is_directory(parent, ec))
-      throw UsageError("cannot write " + output + ": no directory " + parent.string());
-  }
-
-  // --- inputs ------------------------------------------------------------------------------
-  FlatSource input0, kernel, mattes;
-  std::unique_ptr<host::DeepImage> deep;
-  std::string input0Name = input;
-  if (!deepPath.empty()) {
-    std::size_t nans = 0;
-    DeepImage d = readDeepImage(deepPath, &nans);
-    if (nans)
-      warn(deepPath + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
-    if (input.empty()) {
-      input0 = toHost(flattenDeep(d), deepPath);
-      input0Name = deepPath + " (flattened)";
-    }
-    deep = toHostDeep(d, deepPath);
-  }
-  if (!input.empty())
-    input0 = loadFlat(input, report);
-  if (!o.kernel.empty())
-    kernel = loadFlat(o.kernel, report);
-  if (!o.mattes.empty())
-    mattes = loadFlat(o.mattes, report);
-  std::unique_ptr<host::Camera> camera;
-  if (o.hasCamera) {
-    camera = std::make_unique<host::Camera>();
-    camera->setFocalLength(o.camera.focal);
-    camera->setFilmWidth(o.camera.haperture);
-    camera->setFilmHeight(o.camera.vaperture);
-    camera->setFocalPoint(o.camera.focus);
-    camera->setFstop(o.camera.fstop);
-  }
-
-  // --- the node ----------------------------------------------------------------------------
   std::unique_ptr<Op> nodeOp = makeNode();
   Iop& node = static_cast<Iop&>(*nodeOp);
-  auto connect = [&](int i, Op* source, const std::string& what) {
-    if (source && !host::connect(node, i, source))
-      throw RenderError("the node refused " + what + " on its input " + std::to_string(i));
-  };
-  connect(0, input0.op.get(), input0Name);
-  connect(1, kernel.op.get(), o.kernel);
-  connect(2, camera.get(), "the camera");
-  connect(3, deep.get(), deepPath);
-  connect(4, mattes.op.get(), o.mattes);
+  connectInputs(node, o, plan, in);
+  applyKnobs(node, o, in, report);
+  focusAt(node, o, in, report);
+  const Validated v = validateNode(node, o, in, report);
 
-  // An image on the Kernel input is meant to be used, a camera to act as a real lens; the
-  // user's own settings come after and win.
-  std::vector<KnobSetting> settings;
-  if (kernel.op)
-    settings.push_back({"kernelType", "Input", "--kernel"});
-  if (camera)
-    settings.push_back({"realWorldLens", "on", "--camera"});
-  settings.insert(settings.end(), o.settings.begin(), o.settings.end());
-  for (const KnobSetting& s : settings) {
-    const std::string clamped = applySetting(node, s);
-    if (!clamped.empty())
-      note(clamped);
-    if (camera && (s.name == "focalPlane" || s.name == "focalLength" || s.name == "fStop" ||
-                   s.name == "apertureWidth" || s.name == "apertureHeight"))
-      warn(s.origin + ": " + s.name + " has no effect: the camera's value replaces it");
-  }
-
-  // --- validate ----------------------------------------------------------------------------
-  node.validate(true);
-  if (host::hasError(node))
-    throw RenderError(host::errorText(node));
-
-  const ChannelSet available = node.channels();
-  const ChannelSet channels = renderChannels(o.channels, available, input0, input0Name);
-  const int outputType = intKnob(node, "outputType");
-  const Channel depth = channelKnob(node, "depthChannel");
-  if (!deep && outputType != vorel::OutputFilterShape && depth != Chan_Black &&
-      !available.contains(depth))
-    throw UsageError(input0Name + " has no depth channel " + getName(depth) + " (it has " +
-                     input0.listing() + "); name one with --set depthChannel=NAME");
-  for (const char* knobName : {"bloomMatteChannel", "defocusMatteChannel",
-                               "chromicAberrationMatteChannel"}) {
-    const Channel z = channelKnob(node, knobName);
-    if (z == Chan_Black)
-      continue;
-    if (!mattes.op)
-      warn(std::string(knobName) + " has no effect without --mattes");
-    else if (!mattes.channels().contains(z))
-      throw UsageError(o.mattes + " has no channel " + getName(z) + " for " + knobName +
-                       " (it has " + mattes.listing() + ")");
-  }
-
-  const Box box(node.x(), node.y(), node.r(), node.t());
-  if (box.w() <= 0 || box.h() <= 0)
-    throw RenderError("the output is empty: " + input0Name + " has no pixels");
-
-  // --- request and open ---------------------------------------------------------------------
   const unsigned threads =
       std::max(1u, std::min<unsigned>(o.threads ? o.threads : std::thread::hardware_concurrency(),
-                                       unsigned(box.h())));
-  Thread::numCPUs = threads;
-  node.request(box, channels, 1);
-  node.open();
-  if (host::hasError(node))
-    throw RenderError(host::errorText(node));
-  for (const std::string& w : host::warnings(node))
-    warn(w);
-
-  // --- rows --------------------------------------------------------------------------------
-  FlatImage out;
-  out.format = {node.format().x(), node.format().y(), node.format().r(), node.format().t()};
-  out.box = {box.x(), box.y(), box.r(), box.t()};
-  std::vector<Channel> outChannels;
-  for (const auto& n : input0.names)  // the file's order
-    if (channels.contains(n.first)) {
-      outChannels.push_back(n.first);
-      out.channels.push_back(n.second);
-    }
-  out.allocate();
-
+                                       unsigned(v.box.h())));
+  const auto openStart = Clock::now();
+  openNode(node, v, threads, report);
+  const double openSeconds = secondsSince(openStart);
   const auto rowsStart = Clock::now();
-  auto take = [&](int y, const Row& row) {
-    for (std::size_t c = 0; c < outChannels.size(); ++c)
-      std::memcpy(out.row(int(c), y), row[outChannels[c]] + box.x(), std::size_t(box.w()) * sizeof(float));
-  };
-  auto tell = [&](long done) {
-    const auto now = Clock::now();
-    report.progress(done, box.h(), std::chrono::duration<double>(now - start).count(),
-                    std::chrono::duration<double>(now - rowsStart).count());
-  };
-  try {
-    host::renderRows(node, box, channels, threads, take, report.progress ? tell : std::function<void(long)>());
-  } catch (const std::exception& e) {
-    throw RenderError(std::string("rendering failed: ") + e.what());
-  }
-
-  // --- the file ----------------------------------------------------------------------------
-  auto index = [&](Channel z) {
-    for (std::size_t c = 0; c < outChannels.size(); ++c)
-      if (outChannels[c] == z)
-        return int(c);
-    return -1;
-  };
-  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
-    if (kinds[i] == FileKind::Exr)
-      writeExr(o.outputs[i], out);
-    else
-      writeDisplayImage(o.outputs[i], out, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
-                        index(Chan_Alpha));
-  }
+  const Rendered out = runRows(node, v, in.input0, threads, report, start);
+  const double rowSeconds = secondsSince(rowsStart);
+  writeOutputs(o, plan, out, outputHeader(node, o, in));
 
   RenderSummary summary;
-  summary.width = box.w();
-  summary.height = box.h();
+  summary.width = v.box.w();
+  summary.height = v.box.h();
   const Knob* typeKnob = node.knob("outputType");
   summary.outputType = typeKnob ? valueText(*typeKnob) : "";
   // The largest CoC is only looked for when the output is a defocus.
   const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
-  if (vorelNode && (outputType == vorel::OutputDefocusedImage || outputType == vorel::OutputLensBloom))
+  if (vorelNode &&
+      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->frame()->maxCoC;
-  summary.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  summary.seconds = secondsSince(start);
+  summary.openSeconds = openSeconds;
+  summary.rowSeconds = rowSeconds;
   summary.threads = threads;
   return summary;
 }

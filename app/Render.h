@@ -1,7 +1,8 @@
 #pragma once
 // Runs one tzVorel node over image files as a host would: inputs from files, knobs by name, the
 // call protocol (validate, request, open), then every row of the output box on several threads,
-// straight into the output image, which is written atomically.
+// straight into the output image, which is written atomically with input 0's header.
+// One frame; Sequence.h renders shots of them.
 
 #include <functional>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "app/Knobs.h"
+#include "app/Metadata.h"
 
 namespace vorelapp {
 
@@ -37,7 +39,19 @@ struct RenderOptions {
   std::string channels;               // empty: all of input 0's
   unsigned threads = 0;               // 0: every core
   std::vector<std::string> presetFiles;  // read for settings; never to be written over
+
+  // EXR outputs keep input 0's header; these override what it says.
+  std::string compression;  // "" keeps the input's (zip for an input that is not an EXR)
+  PixelType pixelType = PixelType::AsInput;
+  // The lens from input 0's header; values it lacks come from --camera, else it is an error.
+  bool cameraFromMetadata = false;
+  // Focus on the depth at this pixel (host coordinates: y up from the format's bottom).
+  bool hasFocusAt = false;
+  int focusX = 0, focusY = 0;
 };
+
+// Camera values as --camera takes them, for the header of what they made.
+std::string cameraText(const CameraValues& camera);
 
 // Where the renderer talks: notes and warnings, and progress while rows are made.
 struct RenderReport {
@@ -54,6 +68,9 @@ struct RenderSummary {
   int maxCoC = -1;  // -1 when the output type does not look for it
   double seconds = 0.0;
   unsigned threads = 0;
+  // Of `seconds`: building what the frame's rows read (master kernel, CoC scan, kernel bank,
+  // source tables) and making the rows.
+  double openSeconds = 0.0, rowSeconds = 0.0;
 };
 
 // Throws UsageError or RenderError; on any failure no output file is left behind.
