@@ -107,8 +107,8 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
     const int pixelY = clampInto(sourceY, window_.y(), window_.t());
     const int distance = rowDistance(sourceY, y_);
     const std::int32_t* reach = nullptr;
-    if (tabled && pixelY >= window_.y() && pixelY < window_.t()) {
-      const std::size_t tableRow = static_cast<std::size_t>(pixelY - window_.y());
+    if (tabled && pixelY >= table.bottom && pixelY < table.top) {
+      const std::size_t tableRow = static_cast<std::size_t>(pixelY - table.bottom);
       if ((allPieces ? table.rowReach : table.rowReachSided)[tableRow] < distance)
         continue;
       reach = (allPieces ? table.reach : table.reachSided).data() + tableRow * tableWidth;

@@ -55,13 +55,16 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   const NodeParameters& p = frame.params;
   const Box& window = t.window;
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
-  const std::size_t tableRow = static_cast<std::size_t>(pixelY - window.y());
+  const std::size_t tableRow = static_cast<std::size_t>(pixelY - t.bottom);
   std::int32_t* reach = t.reach.data() + tableRow * width;
   std::int32_t* reachSided = t.reachSided.data() + tableRow * width;
   std::fill(reach, reach + width, -1);
   std::fill(reachSided, reachSided + width, -1);
   DeepPlane plane;
-  if (!frame.inputs.deep->deepEngine(Box(window.x(), pixelY, window.r(), pixelY + 1), deepChannels, plane))
+  // Only the window's columns that the span's clamp reaches are read.
+  const int readLeft = clampInto(t.left, window.x(), window.r());
+  const int readRight = clampInto(t.right - 1, window.x(), window.r()) + 1;
+  if (!frame.inputs.deep->deepEngine(Box(readLeft, pixelY, readRight, pixelY + 1), deepChannels, plane))
     return;
   MatteRow mattes(t.left, t.right);
   mattes.fetch(frame, pixelY);
@@ -122,7 +125,11 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   table.window = deepReadWindow(frame.format, deep->deepInfo().box());
   if (table.right <= table.left || table.window.empty())
     return table;
-  const int windowRows = table.window.t() - table.window.y();
+  // The window's rows that the box's rows, padded by the reach, clamp to: a window far taller
+  // than the data costs no more than the data.
+  table.bottom = clampInto(frame.box.y() - R, table.window.y(), table.window.t());
+  table.top = clampInto(frame.box.t() - 1 + R, table.window.y(), table.window.t()) + 1;
+  const int windowRows = table.top - table.bottom;
   const std::size_t rows = static_cast<std::size_t>(windowRows);
   table.reach.resize(rows * static_cast<std::size_t>(table.right - table.left));
   table.rowReach.assign(rows, -1);
@@ -132,7 +139,7 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   ChannelSet available = deep->deepInfo().channels();
   available &= frame.params.vorelChannels;
   const ChannelSet deepChannels = deepPieceChannels(available);
-  parallelRows(windowRows, [&](int i) { fillRow(frame, table, deepChannels, table.window.y() + i); });
+  parallelRows(windowRows, [&](int i) { fillRow(frame, table, deepChannels, table.bottom + i); });
   table.ready = true;
   return table;
 }

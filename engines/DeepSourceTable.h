@@ -15,7 +15,8 @@ struct Frame;
 struct DeepSourceTable {
   bool ready = false;
   int left = 0, right = 0;  // source columns [left, right)
-  DD::Image::Box window;    // the deep read window: pixel rows [window.y, window.t), as the engine clamps them
+  DD::Image::Box window;     // the deep read window, which the engine clamps pixels to
+  int bottom = 0, top = 0;   // its pixel rows [bottom, top) that the frame's box can reach
   // Rows from its own position an upper bound of what the walk over all pieces (side 0) spreads:
   // the pieces up to where it stops and the remainder if one is left, chromatic shift included;
   // -1 where nothing is spread or the row's fetch failed.

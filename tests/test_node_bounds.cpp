@@ -217,3 +217,19 @@ TEST(BoundedWork, FilterShapeOfAHugeDisplayWindowHoldsWhatItsBoxShows) {
   for (const float v : shown.planes[Chan_Red])
     EXPECT_EQ(v, 0.0f);
 }
+
+TEST(BoundedWork, AHugeDisplayWindowRendersAsASmallOneThatHoldsTheData) {
+  // Without bloom and chromatic shift the format only bounds where pixels are read; two formats
+  // that hold the data and the reach around it give the same image, however large one of them.
+  for (const bool deep : {false, true}) {
+    Image images[2];
+    for (int k = 0; k < 2; ++k) {
+      PlacedScene scene({k ? Box(0, 0, 1000000, 1000000) : Box(0, 0, 64, 64), Box(5, 7, 21, 23)}, 0, 0, deep);
+      blurEverything(*scene.node);
+      setKnob(*scene.node, "bloom", 0.0);
+      setKnob(*scene.node, "kChrAbb", 0.0);
+      images[k] = render(*scene.node, rgbaz());
+    }
+    EXPECT_EQ(shiftDifference(images[0], images[1], 0, 0), "") << (deep ? "deep" : "flat");
+  }
+}
