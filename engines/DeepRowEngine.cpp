@@ -15,14 +15,13 @@
 #include "engines/DefocusRow.h"
 #include "engines/OpticalArtefacts.h"
 #include "engines/SplatContext.h"
+#include "lens/ReadWindow.h"
 
 using namespace DD::Image;
 
 namespace vorel {
 
 namespace {
-
-int clampTo(int value, int last) { return std::max(0, std::min(last, value)); }
 
 // A set as a plain list, so the pixel loops don't walk the set's bit words.
 void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
@@ -50,6 +49,8 @@ private:
   DeepOp& deep_;
   Iop& input_;
   int y_, side_, left_, right_, radius_;
+  // Deep pixels are read within this window; beyond it they repeat its edge pixels.
+  Box window_;
   ChannelSet workChannels_, deepChannels_;
   Channel depthOfPiece_;
   LensSample background_;
@@ -79,6 +80,7 @@ DeepSources::DeepSources(const Frame& frame, const SplatContext& context, const 
       depthOfPiece_(sampleDepthChannel(frame.params.depthChannel)),
       paddedInput_(x - frame.kernelRadius, r + frame.kernelRadius),
       paddedMattes_(x - frame.kernelRadius, r + frame.kernelRadius) {
+  window_ = deepReadWindow(frame.format, deep_.deepInfo().box());
   workChannels_ = channels;
   workChannels_ &= frame.params.vorelChannels;
   workChannels_ += Chan_Alpha;
@@ -97,20 +99,19 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
   // The frame's table tells which deep pixels can reach this row at all; the others, and whole
   // source rows of them, are passed over before they are fetched or cut into pieces.
   const DeepSourceTable& table = frame_.deepSources;
-  const int fw = frame_.formatWidth();
-  const int fh = frame_.formatHeight();
-  const bool tabled = table.ready && left_ >= table.left && right_ <= table.right && table.rows == fh;
+  const bool tabled = table.ready && left_ >= table.left && right_ <= table.right && table.window == window_;
   const std::size_t tableWidth = static_cast<std::size_t>(table.right - table.left);
   const bool allPieces = side_ == DepthSideNone;
 
   for (int sourceY = y_ - radius_; sourceY <= y_ + radius_; ++sourceY) {
-    const int pixelY = clampTo(sourceY, fh - 1);
+    const int pixelY = clampInto(sourceY, window_.y(), window_.t());
     const int distance = rowDistance(sourceY, y_);
     const std::int32_t* reach = nullptr;
-    if (tabled && pixelY >= 0) {
-      if ((allPieces ? table.rowReach : table.rowReachSided)[static_cast<std::size_t>(pixelY)] < distance)
+    if (tabled && pixelY >= table.bottom && pixelY < table.top) {
+      const std::size_t tableRow = static_cast<std::size_t>(pixelY - table.bottom);
+      if ((allPieces ? table.rowReach : table.rowReachSided)[tableRow] < distance)
         continue;
-      reach = (allPieces ? table.reach : table.reachSided).data() + static_cast<std::size_t>(pixelY) * tableWidth;
+      reach = (allPieces ? table.reach : table.reachSided).data() + tableRow * tableWidth;
     }
     if (!fetchRow(pixelY))
       continue;
@@ -118,7 +119,7 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
     for (int sourceX = left_; sourceX < right_; ++sourceX) {
       if (reach && reach[sourceX - table.left] < distance)
         continue;
-      const int pixelX = clampTo(sourceX, fw - 1);
+      const int pixelX = clampInto(sourceX, window_.x(), window_.r());
       if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() || pixelY >= planeBox.t())
         continue;
       // Only a plane wider than asked for could hold a column the padded rows lack.
@@ -131,9 +132,8 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
 
 // The flat row, the matte row and the deep row at pixelY; false when the deep fetch fails.
 bool DeepSources::fetchRow(int pixelY) {
-  const int fw = frame_.formatWidth();
-  const int fetchLeft = std::max(0, std::min(fw, left_));
-  const int fetchRight = std::max(0, std::min(fw, right_));
+  const int fetchLeft = std::max(window_.x(), std::min(window_.r(), left_));
+  const int fetchRight = std::max(window_.x(), std::min(window_.r(), right_));
   paddedInput_.get(input_, pixelY, left_, right_, channels_);
   paddedMattes_.fetch(frame_, pixelY);
   if (!deep_.deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels_, plane_))

@@ -13,6 +13,7 @@
 #include "engines/Frame.h"
 #include "engines/OpticalArtefacts.h"
 #include "lens/ParallelRows.h"
+#include "lens/ReadWindow.h"
 
 using namespace DD::Image;
 
@@ -52,14 +53,18 @@ void walkPixel(const Frame& frame, const DeepPlane& plane, int pixelX, int pixel
 // Deep pixel row pixelY of the table.
 void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChannels, int pixelY) {
   const NodeParameters& p = frame.params;
-  const int fw = frame.formatWidth();
+  const Box& window = t.window;
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
-  std::int32_t* reach = t.reach.data() + static_cast<std::size_t>(pixelY) * width;
-  std::int32_t* reachSided = t.reachSided.data() + static_cast<std::size_t>(pixelY) * width;
+  const std::size_t tableRow = static_cast<std::size_t>(pixelY - t.bottom);
+  std::int32_t* reach = t.reach.data() + tableRow * width;
+  std::int32_t* reachSided = t.reachSided.data() + tableRow * width;
   std::fill(reach, reach + width, -1);
   std::fill(reachSided, reachSided + width, -1);
   DeepPlane plane;
-  if (!frame.inputs.deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
+  // Only the window's columns that the span's clamp reaches are read.
+  const int readLeft = clampInto(t.left, window.x(), window.r());
+  const int readRight = clampInto(t.right - 1, window.x(), window.r()) + 1;
+  if (!frame.inputs.deep->deepEngine(Box(readLeft, pixelY, readRight, pixelY + 1), deepChannels, plane))
     return;
   MatteRow mattes(t.left, t.right);
   mattes.fetch(frame, pixelY);
@@ -73,7 +78,7 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   int preparedX = INT_MIN;
   std::int32_t rowReach = -1, rowReachSided = -1;
   for (int sourceX = t.left; sourceX < t.right; ++sourceX) {
-    const int pixelX = std::max(0, std::min(fw - 1, sourceX));
+    const int pixelX = clampInto(sourceX, window.x(), window.r());
     if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() || pixelY >= planeBox.t())
       continue;
     if (pixelX != preparedX) {
@@ -95,8 +100,8 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
     reach[sourceX - t.left] = r;
     rowReach = std::max(rowReach, r);
   }
-  t.rowReach[static_cast<std::size_t>(pixelY)] = rowReach;
-  t.rowReachSided[static_cast<std::size_t>(pixelY)] = rowReachSided;
+  t.rowReach[tableRow] = rowReach;
+  t.rowReachSided[tableRow] = rowReachSided;
 }
 
 }  // namespace
@@ -117,10 +122,15 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   const int R = frame.kernelRadius;
   table.left = frame.box.x() - R;
   table.right = frame.box.r() + R;
-  table.rows = frame.formatHeight();
-  if (table.right <= table.left || table.rows <= 0 || frame.format.r() <= frame.format.x())
+  table.window = deepReadWindow(frame.format, deep->deepInfo().box());
+  if (table.right <= table.left || table.window.empty())
     return table;
-  const std::size_t rows = static_cast<std::size_t>(table.rows);
+  // The window's rows that the box's rows, padded by the reach, clamp to: a window far taller
+  // than the data costs no more than the data.
+  table.bottom = clampInto(frame.box.y() - R, table.window.y(), table.window.t());
+  table.top = clampInto(frame.box.t() - 1 + R, table.window.y(), table.window.t()) + 1;
+  const int windowRows = table.top - table.bottom;
+  const std::size_t rows = static_cast<std::size_t>(windowRows);
   table.reach.resize(rows * static_cast<std::size_t>(table.right - table.left));
   table.rowReach.assign(rows, -1);
   table.reachSided.resize(table.reach.size());
@@ -129,7 +139,7 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   ChannelSet available = deep->deepInfo().channels();
   available &= frame.params.vorelChannels;
   const ChannelSet deepChannels = deepPieceChannels(available);
-  parallelRows(table.rows, [&](int pixelY) { fillRow(frame, table, deepChannels, pixelY); });
+  parallelRows(windowRows, [&](int i) { fillRow(frame, table, deepChannels, table.bottom + i); });
   table.ready = true;
   return table;
 }

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "DDImage/Box.h"
+
 namespace vorel {
 
 struct Frame;
@@ -13,7 +15,8 @@ struct Frame;
 struct DeepSourceTable {
   bool ready = false;
   int left = 0, right = 0;  // source columns [left, right)
-  int rows = 0;             // pixel rows [0, rows), as the engine clamps them to the format
+  DD::Image::Box window;     // the deep read window, which the engine clamps pixels to
+  int bottom = 0, top = 0;   // its pixel rows [bottom, top) that the frame's box can reach
   // Rows from its own position an upper bound of what the walk over all pieces (side 0) spreads:
   // the pieces up to where it stops and the remainder if one is left, chromatic shift included;
   // -1 where nothing is spread or the row's fetch failed.

@@ -9,6 +9,7 @@
 #include "engines/FlatSourceTable.h"
 #include "engines/OpticalArtefacts.h"
 #include "engines/SplatContext.h"
+#include "lens/ReadWindow.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -115,7 +116,7 @@ void FlatSources::takeColours(int sx) {
 void FlatSources::spreadTabledRow(int sy, int fy, int distance, const RowSpan& span,
                                   const SliceAccumulators& slices) {
   const FlatSourceTable& table = frame_.flatSources;
-  const int fw = frame_.formatWidth();
+  const DD::Image::Box& format = frame_.format;
   const std::size_t rowStart = table.index(left_, fy);
   const std::int32_t* reach = table.reach.data() + rowStart;
   const float* cocs = table.coc.data() + rowStart;
@@ -133,7 +134,7 @@ void FlatSources::spreadTabledRow(int sy, int fy, int distance, const RowSpan& s
     const MatteValues matte = mattes_.at(sx);
     for (std::size_t k = 0; k < channelCount; ++k)
       colours[channels[k]] = readOr(planes[k], sx, 0.0f);
-    sample.pixelX = std::max(0, std::min(fw - 1, sx));
+    sample.pixelX = clampInto(sx, format.x(), format.r());
     sample.x = sx;
     sample.coc = cocs[i];
     sample.slice = sliceOf[i];
@@ -157,9 +158,9 @@ float FlatSources::depthAt(int fy, int cx) {
 }
 
 void FlatSources::spreadComputedRow(int sy, int fy, const RowSpan& span, const SliceAccumulators& slices) {
-  const int fw = frame_.formatWidth();
+  const DD::Image::Box& format = frame_.format;
   for (int sx = left_; sx < right_; ++sx) {
-    const int cx = std::max(0, std::min(fw - 1, sx));
+    const int cx = clampInto(sx, format.x(), format.r());
     const LensSample lens = frame_.sample(depthAt(fy, cx), DepthSource::FlatChannel);
     if (!flatFocusGatePasses(frame_.params.focusOutput, lens.side))
       continue;

@@ -11,6 +11,7 @@
 #include "engines/OpticalArtefacts.h"
 #include "lens/KernelBank.h"
 #include "lens/ParallelRows.h"
+#include "lens/ReadWindow.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -27,18 +28,25 @@ constexpr std::int32_t kReachAll = INT_MAX / 2;
 // One source row fy of the table.
 void fillRow(const Frame& frame, FlatSourceTable& t, int fy) {
   const NodeParameters& p = frame.params;
-  const int fw = frame.formatWidth();
+  const DD::Image::Box& format = frame.format;
   const Channel depthChannel = p.depthChannel;
   ChannelSet depthOnly;
   depthOnly += depthChannel;
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
 
-  // The depth is read at the clamped column, so the fetch spans the format as well.
-  const int depthLeft = std::min(t.left, 0);
-  const int depthRight = std::max(t.right, fw);
-  Row depthRow(depthLeft, depthRight);
-  depthRow.get(*frame.inputs.source, fy, depthLeft, depthRight, depthOnly);
+  // The depth is read at the column clamped to the format: within the span, or, where the format
+  // lies wholly to one side of it, its one edge column, fetched by itself so that the fetch never
+  // spans the gap between them.
+  Row depthRow(t.left, t.right);
+  depthRow.get(*frame.inputs.source, fy, t.left, t.right, depthOnly);
   const float* depthPlane = depthRow[depthChannel];
+  const int edge = clampInto(t.left, format.x(), format.r());
+  float edgeDepth = 0.0f;
+  if (edge < t.left || edge >= t.right) {
+    Row column(edge, edge + 1);
+    column.get(*frame.inputs.source, fy, edge, edge + 1, depthOnly);
+    edgeDepth = column[depthChannel] ? column[depthChannel][edge] : 0.0f;
+  }
   MatteRow mattes(t.left, t.right);
   mattes.fetch(frame, fy);
 
@@ -46,8 +54,9 @@ void fillRow(const Frame& frame, FlatSourceTable& t, int fy) {
   const std::size_t base = static_cast<std::size_t>(fy - t.bottom) * width;
   for (int sx = t.left; sx < t.right; ++sx) {
     const std::size_t k = base + static_cast<std::size_t>(sx - t.left);
-    const int cx = std::max(0, std::min(fw - 1, sx));
-    const LensSample lens = frame.sample(depthPlane ? depthPlane[cx] : 0.0f, DepthSource::FlatChannel);
+    const int cx = clampInto(sx, format.x(), format.r());
+    const float depth = cx < t.left || cx >= t.right ? edgeDepth : depthPlane ? depthPlane[cx] : 0.0f;
+    const LensSample lens = frame.sample(depth, DepthSource::FlatChannel);
     const MatteValues matte = mattes.at(sx);
     t.coc[k] = std::max(lens.coc * matte.defocus, 1.0f);
     t.slice[k] = lens.slice;

@@ -57,6 +57,9 @@ struct FrameSetup {
 // The setup with what opening adds. Opening may also replace maxCoC and kernelRadius.
 struct Frame : FrameSetup {
   Kernel masterKernel;
+  // For the Filter Shape output, the kernel's own columns and rows that masterKernel holds: only
+  // what the output's box shows of a kernel as large as the format.
+  DD::Image::Box masterKernelWindow;
   std::vector<Kernel> kernelBank;
   // Every entry of the bank holds the same plane in every channel (the formula kernels do), so
   // all channels at one position accumulate the same weights.

@@ -22,12 +22,12 @@ float bloomRadialFactor(const NodeParameters& p, const DD::Image::Box& formatBox
   if (!(p.bloom > 0.0f))
     return 0.0f;
 
-  // The centre sits at half the format's size counted from position 0, not from the format's
-  // corner, and distances are in half-widths and half-heights so every side's mid-point is at 1.
+  // The centre sits at half the format's size from the format's corner, and distances are in
+  // half-widths and half-heights so every side's mid-point is at 1.
   const float hw = static_cast<float>(formatBox.r() - formatBox.x()) * 0.5f;
   const float hh = static_cast<float>(formatBox.t() - formatBox.y()) * 0.5f;
-  const float dx = std::fabs(static_cast<float>(x) - hw) * (1.0f / hw);
-  const float dy = std::fabs(static_cast<float>(y) - hh) * (1.0f / hh);
+  const float dx = std::fabs(static_cast<float>(x - formatBox.x()) - hw) * (1.0f / hw);
+  const float dy = std::fabs(static_cast<float>(y - formatBox.y()) - hh) * (1.0f / hh);
 
   float f = 1.0f;
   if (p.bloomCurvature > 0.0f) {

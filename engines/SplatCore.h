@@ -198,8 +198,10 @@ __attribute__((always_inline)) inline void splat(
     }
 
     walk(e, [&](DD::Image::Channel c, const float* K) {
-      const int sx = shiftedPosition(p, s.x, c, spread);
-      const int sy = shiftedPosition(p, s.y, c, spread);
+      // Truncation toward zero is not the same at every position: it is taken from the format's
+      // corner, so that where the image stands doesn't change where a channel lands.
+      const int sx = shiftedPosition(p, s.x - format.x(), c, spread) + format.x();
+      const int sy = shiftedPosition(p, s.y - format.y(), c, spread) + format.y();
       const KernelRowClip clip = clipKernelRow(sx, sy, h, width, row);
       if (clip.count <= 0)
         return;

@@ -29,7 +29,9 @@ float worldScaleFactor(int worldScale) {
 }
 
 void deriveLensValues(NodeParameters& p, int fullWidth, int fullHeight, float uiScale) {
-  const int area = fullWidth * fullHeight;
+  // The area of a large format does not fit 32 bits (100000 x 100000 already wraps); every area
+  // that does is the same integer in 64.
+  const long long area = static_cast<long long>(fullWidth) * static_cast<long long>(fullHeight);
   p.pixelsPerMillimetre = sqrtf(static_cast<float>(area)) / sqrtf(p.apertureHeight * p.apertureWidth);
 
   const float halfRegion = p.focusRegionSize * 0.5f;

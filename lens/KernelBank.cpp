@@ -150,4 +150,17 @@ std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const Chan
   return bank;
 }
 
+ChannelSet channelsSpreadingNothing(const std::vector<Kernel>& bank, std::size_t index, const ChannelSet& channels) {
+  ChannelSet empty;
+  foreach (z, channels) {
+    const float* plane = index < bank.size() ? bank[index].plane(z) : nullptr;
+    float sum = 0.0f;
+    for (std::uint64_t k = 0; plane && k < bank[index].count; ++k)
+      sum += plane[k];
+    if (!(sum > 0.0f))
+      empty += z;
+  }
+  return empty;
+}
+
 }  // namespace vorel

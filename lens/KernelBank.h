@@ -31,6 +31,15 @@ bool planesAlike(const std::vector<Kernel>& bank, const DD::Image::ChannelSet& c
 // the host's threads.
 std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const DD::Image::ChannelSet& vorelChannels);
 
+// The channels of `channels` in which entry `index` of the bank spreads nothing: its plane sums to
+// 0 or less (or it has none), so the entry stays as resampled and adds no weight. Entry 1 is the
+// kernel of every pixel in focus (CoC 1). It is empty in every channel when the master kernel is a
+// single value (max_kernelsize 1: no source index from 1 up) or dark at its centre (a ring), and in
+// alpha when a kernel image without alpha meets no missingKernelChannel; the pixels it serves come
+// out 0. The node has no message for it; a renderer can tell the user.
+DD::Image::ChannelSet channelsSpreadingNothing(const std::vector<Kernel>& bank, std::size_t index,
+                                               const DD::Image::ChannelSet& channels);
+
 // ---- from a CoC to bank entries ------------------------------------------------------------
 
 // One kernel laid down for a sample: a bank entry and the weight it is laid down with.

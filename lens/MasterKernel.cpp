@@ -1,6 +1,7 @@
 #include "lens/MasterKernel.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
 
+using DD::Image::Box;
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
 
@@ -29,13 +31,15 @@ float discValue(float px, float py, float halfSize, float halfSizeSquared, float
   return 1.0f - std::min(1.0f, (dy * dy + dx * dx) / halfSizeSquared);
 }
 
-void buildFormulaPlane(float* plane, int size, const NodeParameters& p, float inverseSoftness,
+// The values of `part` of the kernel of `size`, row-major over the part alone.
+void buildFormulaPlane(float* plane, const Box& part, int size, const NodeParameters& p, float inverseSoftness,
                        float halfSize, float halfSizeSquared) {
   const bool blades = p.kernelType == KernelApertureBlades;
-  for (int y = 0; y < size; ++y) {
+  const std::size_t stride = static_cast<std::size_t>(part.w());
+  for (int y = part.y(); y < part.t(); ++y) {
     const float py = static_cast<float>(y) + 0.5f;
-    float* out = plane + static_cast<std::size_t>(y) * static_cast<std::size_t>(size);
-    for (int x = 0; x < size; ++x) {
+    float* out = plane + static_cast<std::size_t>(y - part.y()) * stride;
+    for (int x = part.x(); x < part.r(); ++x) {
       const float px = static_cast<float>(x) + 0.5f;
       const float disc = discValue(px, py, halfSize, halfSizeSquared, p.kAspectRatio);
       const float shape = blades ? apertureBladesShape(px, py, size, size, halfSizeSquared, p.kAspectRatio,
@@ -49,7 +53,7 @@ void buildFormulaPlane(float* plane, int size, const NodeParameters& p, float in
       else if (p.kSphAbb < 0.0f)
         aberration = (1.0f - disc) * fabsf(p.kSphAbb);
       const float value = soft - aberration;
-      out[x] = std::max(0.0f, std::min(1.0f, value));
+      out[x - part.x()] = std::max(0.0f, std::min(1.0f, value));
     }
   }
 }
@@ -71,9 +75,10 @@ std::vector<float> readImagePlane(DD::Image::Iop& image, Channel fetch, int inX,
 
 // Samples the kernel image over the whole square. The image's pixel i lies at coordinate i, the
 // kernel's sample centres at x + 0.5: at scale 1 each value falls halfway between two pixels.
-void sampleImagePlane(float* plane, int size, const std::vector<float>& pixels, int inW, int inH,
+void sampleImagePlane(float* plane, const Box& part, const std::vector<float>& pixels, int inW, int inH,
                       float scaleX, float scaleY) {
-  for (int y = 0; y < size; ++y) {
+  const std::size_t stride = static_cast<std::size_t>(part.w());
+  for (int y = part.y(); y < part.t(); ++y) {
     const float fy = (static_cast<float>(y) + 0.5f) * scaleY;
     const int iy = static_cast<int>(fy);
     const float ty = fy - static_cast<float>(iy);
@@ -81,8 +86,8 @@ void sampleImagePlane(float* plane, int size, const std::vector<float>& pixels, 
     for (int k = 0; k < 4; ++k)
       rows[k] = pixels.data() + static_cast<std::size_t>(std::min(inH - 1, std::max(iy - 1 + k, 0))) *
                                     static_cast<std::size_t>(inW);
-    float* out = plane + static_cast<std::size_t>(y) * static_cast<std::size_t>(size);
-    for (int x = 0; x < size; ++x) {
+    float* out = plane + static_cast<std::size_t>(y - part.y()) * stride;
+    for (int x = part.x(); x < part.r(); ++x) {
       const float fx = (static_cast<float>(x) + 0.5f) * scaleX;
       const int ix = static_cast<int>(fx);
       const float tx = fx - static_cast<float>(ix);
@@ -91,7 +96,7 @@ void sampleImagePlane(float* plane, int size, const std::vector<float>& pixels, 
         const int c = std::min(inW - 1, std::max(ix - 1 + k, 0));
         columns[k] = catmullRom(rows[0][c], rows[1][c], rows[2][c], rows[3][c], ty);
       }
-      out[x] = catmullRom(columns[0], columns[1], columns[2], columns[3], tx);
+      out[x - part.x()] = catmullRom(columns[0], columns[1], columns[2], columns[3], tx);
     }
   }
 }
@@ -121,7 +126,14 @@ float apertureBladesShape(float x, float y, int width, int height, float halfSiz
 
 Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBox, DD::Image::Iop* kernelImage,
                          bool filterShapeOutput) {
-  Kernel master;
+  const Box everything(INT_MIN / 2, INT_MIN / 2, INT_MAX / 2, INT_MAX / 2);
+  return buildMasterKernelPart(p, formatBox, kernelImage, filterShapeOutput, everything).kernel;
+}
+
+MasterKernelPart buildMasterKernelPart(const NodeParameters& p, const DD::Image::Box& formatBox,
+                                       DD::Image::Iop* kernelImage, bool filterShapeOutput, const Box& wanted) {
+  MasterKernelPart result;
+  Kernel& master = result.kernel;
 
   int base = p.max_kernelsize;
   if (filterShapeOutput)
@@ -131,7 +143,7 @@ Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBo
   if (fromImage && !kernelImage) {
     // Validation has already reported the missing input; an empty kernel spreads nothing.
     master.allocate(p.vorelChannels, 0, 0);
-    return master;
+    return result;
   }
 
   int size = base;
@@ -151,9 +163,15 @@ Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBo
   }
   size = std::max(0, size);
 
-  master.allocate(p.vorelChannels, size, size);
-  if (size == 0)
-    return master;
+  // The values depend on the whole kernel's size, never on which of them are held.
+  Box& part = result.window;
+  part = Box(0, 0, size, size);
+  part.intersect(wanted);
+  if (part.empty())
+    part = Box(0, 0, 0, 0);
+  master.allocate(p.vorelChannels, part.w(), part.h());
+  if (master.empty())
+    return result;
 
   const float inverseSoftness = 1.0f / std::max(0.001f, p.kSoftness);
   const float halfSize = static_cast<float>(size) * 0.5f;
@@ -169,7 +187,7 @@ Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBo
       if (formulaPlane)
         std::copy(formulaPlane, formulaPlane + master.count, plane);
       else
-        buildFormulaPlane(plane, size, p, inverseSoftness, halfSize, halfSizeSquared);
+        buildFormulaPlane(plane, part, size, p, inverseSoftness, halfSize, halfSizeSquared);
       formulaPlane = plane;
       continue;
     }
@@ -180,9 +198,9 @@ Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBo
       pixels = readImagePlane(*kernelImage, fetch, inX, inY, inW, inH);
       pixelsChannel = fetch;
     }
-    sampleImagePlane(plane, size, pixels, inW, inH, scaleX, scaleY);
+    sampleImagePlane(plane, part, pixels, inW, inH, scaleX, scaleY);
   }
-  return master;
+  return result;
 }
 
 }  // namespace vorel

@@ -10,8 +10,10 @@
 #include "DDImage/DeepOp.h"
 #include "DDImage/DeepPixel.h"
 #include "DDImage/DeepPlane.h"
+#include "DDImage/Iop.h"
 #include "DDImage/Row.h"
 #include "lens/CircleOfConfusion.h"
+#include "lens/ReadWindow.h"
 
 using namespace DD::Image;
 
@@ -32,33 +34,89 @@ int roundedUpCoC(float coc) {
   return static_cast<int>(up);
 }
 
-// The largest rounded-up CoC of row y so far, read and raised in place: the near-infinite rule
-// reads the running maximum.
-void scanFlatRow(const NodeParameters& p, Iop& source, int y, int width, int& maxCoC) {
-  Row row(0, width);
+// One step of the walk over a stretch of the format that reads the same pixel again and again:
+// outside the input's box every read repeats an edge pixel. A step only ever raises the running
+// maximum and depends on nothing else, so once a repeat changes nothing no later one will, and
+// the stretch costs what its distinct pixels cost, with the same result as the whole walk.
+template <typename Step>
+void repeatStep(long long times, int& maxCoC, const Step& step) {
+  for (long long i = 0; i < times; ++i) {
+    const int before = maxCoC;
+    step(maxCoC);
+    if (maxCoC == before)
+      return;
+  }
+}
+
+// A stretch of reads [lo, hi) of the format along one axis, clamped into the box's [boxLo, boxHi):
+// what lies before the box reads its first pixel, what lies beyond it its last.
+struct ClampedStretch {
+  long long before = 0, after = 0;  // reads of the first and of the last pixel of the box
+  int first = 0, last = 0;          // the box's pixels read once each: [first, last)
+  int low = 0, high = 0;            // the pixels read at all: [low, high)
+};
+
+ClampedStretch clampedStretch(int lo, int hi, int boxLo, int boxHi) {
+  ClampedStretch s;
+  if (hi <= lo)
+    return s;
+  s.before = std::max(0LL, static_cast<long long>(std::min(hi, boxLo)) - lo);
+  s.after = std::max(0LL, static_cast<long long>(hi) - std::max(lo, boxHi));
+  s.first = std::max(lo, boxLo);
+  s.last = std::max(s.first, std::min(hi, boxHi));
+  s.low = clampInto(lo, boxLo, boxHi);
+  s.high = clampInto(hi - 1, boxLo, boxHi) + 1;
+  return s;
+}
+
+// Every read of one row of the format, in the walk's order: the box's left edge pixel for the
+// columns before it, the box's own columns, its right edge pixel for the columns beyond it.
+void scanFlatRow(const NodeParameters& p, Iop& source, int y, const ClampedStretch& columns, int& maxCoC) {
+  Row row(columns.low, columns.high);
   ChannelSet depthOnly;
   depthOnly += p.depthChannel;
-  row.get(source, y, 0, width, depthOnly);
+  row.get(source, y, columns.low, columns.high, depthOnly);
   const float* depth = row[p.depthChannel];
   if (!depth)
     return;
   const std::vector<float> noSlices;
-  for (int x = 0; x < width; ++x) {
-    const int c = roundedUpCoC(lensSample(p, noSlices, maxCoC, depth[x], DepthSource::FlatChannel).coc);
-    if (c > maxCoC)
-      maxCoC = c;
-  }
+  auto pixel = [&](int x) {
+    return [&, x](int& m) {
+      const int c = roundedUpCoC(lensSample(p, noSlices, m, depth[x], DepthSource::FlatChannel).coc);
+      if (c > m)
+        m = c;
+    };
+  };
+  repeatStep(columns.before, maxCoC, pixel(columns.low));
+  for (int x = columns.first; x < columns.last; ++x)
+    pixel(x)(maxCoC);
+  repeatStep(columns.after, maxCoC, pixel(columns.high - 1));
 }
 
-void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& maxCoC) {
+// The format's rows and columns as the host reads them from input 0: only what differs is read.
+void scanFlat(const NodeParameters& p, const Box& format, Iop& source, int& maxCoC) {
+  Box box = source.info().box();
+  // An input without data reads 0 everywhere: any one pixel stands for all of them.
+  if (box.empty())
+    box = Box(format.x(), format.y(), format.x() + 1, format.y() + 1);
+  const ClampedStretch columns = clampedStretch(format.x(), format.r(), box.x(), box.r());
+  const ClampedStretch rows = clampedStretch(format.y(), format.t(), box.y(), box.t());
+  auto row = [&](int y) { return [&, y](int& m) { scanFlatRow(p, source, y, columns, m); }; };
+  repeatStep(rows.before, maxCoC, row(rows.low));
+  for (int y = rows.first; y < rows.last; ++y)
+    row(y)(maxCoC);
+  repeatStep(rows.after, maxCoC, row(rows.high - 1));
+}
+
+void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int left, int right, int& maxCoC) {
   ChannelSet depths;
   depths += Chan_DeepFront;
   depths += Chan_DeepBack;
   DeepPlane plane;
-  if (!deep.deepEngine(Box(0, y, width, y + 1), depths, plane))
+  if (!deep.deepEngine(Box(left, y, right, y + 1), depths, plane))
     return;
   const std::vector<float> noSlices;
-  for (int x = 0; x < width; ++x) {
+  for (int x = left; x < right; ++x) {
     const DeepPixel pixel = plane.getPixel(y, x);
     const std::size_t count = pixel.getSampleCount();
     if (count == 0)
@@ -71,20 +129,29 @@ void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& m
   }
 }
 
+// The deep window's pixels with samples, in the walk's order: those without add nothing, so only
+// the deep data is read.
+void scanDeep(const NodeParameters& p, const Box& format, DeepOp& deep, int& maxCoC) {
+  const Box& data = deep.deepInfo().box();
+  Box walked = deepReadWindow(format, data);
+  if (walked.empty())
+    return;
+  walked.intersect(data);
+  for (int y = walked.y(); walked.r() > walked.x() && y < walked.t(); ++y)
+    scanDeepRow(p, deep, y, walked.x(), walked.r(), maxCoC);
+}
+
 }  // namespace
 
 ScanResult scanMaxCoC(const NodeParameters& p, const Box& format, Iop* source, DeepOp* deep) {
-  const int width = format.r() - format.x();
-  const int height = format.t() - format.y();
-
   ScanResult result;
   int maxCoC = 0;
-  for (int y = 0; width > 0 && y < height; ++y) {
+  if (!format.empty()) {
     if (p.hasDeepInput) {
       if (deep)
-        scanDeepRow(p, *deep, y, width, maxCoC);
+        scanDeep(p, format, *deep, maxCoC);
     } else if (source) {
-      scanFlatRow(p, *source, y, width, maxCoC);
+      scanFlat(p, format, *source, maxCoC);
     }
   }
 

@@ -16,8 +16,11 @@ struct ScanResult {
   bool capped = false;   // found was above max_kernelsize: the caller warns
 };
 
-// Walks columns and rows [0, width) x [0, height) of `format` once: the deep input's nearest
-// samples when `deep` is given, else the depth channel of `source` (which may be null).
+// Walks the pixels of `format` once, counted from its own corner: the deep input's nearest samples
+// when `deep` is given (with the deep data that lies outside the format), else the depth channel
+// of `source` (which may be null). Only what differs is read: beyond input 0's box the reads repeat
+// its edge pixels, and deep pixels without data add nothing, so the work follows the data, not the
+// format's size.
 ScanResult scanMaxCoC(const NodeParameters& p, const DD::Image::Box& format, DD::Image::Iop* source,
                       DD::Image::DeepOp* deep);
 

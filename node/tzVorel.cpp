@@ -225,9 +225,15 @@ void tzVorel::openDefocus(Frame& f) {
 void tzVorel::_open() {
   std::shared_ptr<Frame> f = setupOf(*frame_);
   switch (f->params.outputType) {
-    case OutputFilterShape:
-      f->masterKernel = buildMasterKernel(f->params, f->format, input(1), true);
+    case OutputFilterShape: {
+      // A kernel as large as the format, of which the rows show only what the box holds.
+      Box shown = f->box;
+      shown.move(-f->format.x(), -f->format.y());
+      MasterKernelPart part = buildMasterKernelPart(f->params, f->format, input(1), true, shown);
+      f->masterKernel = std::move(part.kernel);
+      f->masterKernelWindow = part.window;
       break;
+    }
     case OutputDefocusedImage:
     case OutputLensBloom:
       openDefocus(*f);

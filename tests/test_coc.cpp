@@ -44,6 +44,15 @@ TEST(DerivedLensValues, DefaultNodeOn2KFormat) {
   EXPECT_FLOAT_EQ(p.uiScale, 1.0f);
 }
 
+TEST(DerivedLensValues, PixelsPerMillimetreOfFormatsWhoseAreaPasses32Bits) {
+  // 100000 x 100000 pixels on the default 22 x 16 mm film back: 1e5 / sqrt(352) pixels per mm.
+  EXPECT_NEAR(derived({}, 100000, 100000).pixelsPerMillimetre, 5330.0f, 1.0f);
+  EXPECT_NEAR(derived({}, 65536, 65536).pixelsPerMillimetre, 3493.1f, 0.5f);
+  // Four times the area, twice the scale.
+  EXPECT_FLOAT_EQ(derived({}, 200000, 100000).pixelsPerMillimetre / derived({}, 100000, 50000).pixelsPerMillimetre,
+                  2.0f);
+}
+
 TEST(ArtisticModel, RampAcrossTheRegionAndSides) {
   NodeParameters p;
   p.multiplier = 8.0f;

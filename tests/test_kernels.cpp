@@ -346,3 +346,26 @@ TEST(KernelBank, ThreadCountDoesNotChangeTheBytes) {
             << threads << " threads, entry " << i;
   }
 }
+
+TEST(KernelBank, EntriesThatSpreadNothingInFocusAreNamed) {
+  // The kernel of every pixel in focus is entry 1 (size 1), the master kernel's centre value.
+  auto emptyInFocus = [](const NodeParameters& p, Iop* image = nullptr) {
+    const std::vector<Kernel> bank = buildKernelBank(build(p, image), 6, p.vorelChannels);
+    return channelsSpreadingNothing(bank, 1, p.vorelChannels);
+  };
+  // A disc holds its centre; a single value has no source index from 1 up; a ring image is dark
+  // there.
+  EXPECT_TRUE(emptyInFocus(params(KernelCircular, 64)).empty());
+  EXPECT_EQ(emptyInFocus(params(KernelCircular, 1)), kRGBA);
+  host::FlatImage ring(Format(16, 16), Box(0, 0, 16, 16), kRGBA);
+  ring.fill([](int x, int y, Channel) { return x >= 4 && x < 12 && y >= 4 && y < 12 ? 0.0f : 1.0f; });
+  EXPECT_EQ(emptyInFocus(params(KernelInput, 64), &ring), kRGBA);
+  // A kernel image without alpha: alpha alone, unless missingKernelChannel stands in for it.
+  host::FlatImage rgb(Format(16, 16), Box(0, 0, 16, 16), ChannelSet(Mask_RGB));
+  rgb.fill([](int, int, Channel) { return 1.0f; });
+  EXPECT_EQ(emptyInFocus(params(KernelInput, 64), &rgb), ChannelSet(Chan_Alpha));
+  EXPECT_TRUE(emptyInFocus(params(KernelInput, 64, [](NodeParameters& p) { p.missingKernelChannel = Chan_Red; }), &rgb)
+                  .empty());
+  // An entry beyond the bank spreads nothing either.
+  EXPECT_EQ(channelsSpreadingNothing({}, 1, kRGBA), kRGBA);
+}

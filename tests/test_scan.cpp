@@ -91,16 +91,18 @@ TEST(ScanFlat, DepthIsConditionedAndClampedFirst) {
   EXPECT_EQ(inverse->frame()->maxCoC, 5);  // ceil(4.5)
 }
 
-TEST(ScanFlat, OnlyTheFormatCountedFromZero) {
-  // Format 16 x 8 from x = 10: the scan reads columns 0 to 15, whatever the origin and the box.
-  auto node = artisticNode(9.0f);
-  host::FlatImage image(Format(26, 8, 10, 0, 26, 8), Box(0, 0, 40, 8), rgbaz());
-  image.fill([](int x, int, Channel z) {
-    return z != Chan_Z ? 0.5f : x == 5 ? 100.5f : x == 20 ? 200.0f : 100.0f;  // CoC 4.5 inside, 9 beyond
-  });
-  host::connect(*node, 0, &image);
-  host::prepare(*node, Box(10, 0, 26, 8), rgbaz());
-  EXPECT_EQ(node->frame()->maxCoC, 5);
+TEST(ScanFlat, OnlyTheFormatFromItsOwnCorner) {
+  // Format 16 x 8 from x = 10: the scan reads columns 10 to 25, whatever the box holds beyond.
+  for (const int far : {20, 5}) {
+    auto node = artisticNode(9.0f);
+    host::FlatImage image(Format(26, 8, 10, 0, 26, 8), Box(0, 0, 40, 8), rgbaz());
+    image.fill([far](int x, int, Channel z) {
+      return z != Chan_Z ? 0.5f : x == 12 ? 100.5f : x == far ? 200.0f : 100.0f;  // CoC 4.5 and 9
+    });
+    host::connect(*node, 0, &image);
+    host::prepare(*node, Box(10, 0, 26, 8), rgbaz());
+    EXPECT_EQ(node->frame()->maxCoC, far == 20 ? 9 : 5) << far;
+  }
 }
 
 TEST(ScanDeep, NearestSamplesBackDepthUnclampedAndFailedFetches) {

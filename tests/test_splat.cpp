@@ -226,7 +226,7 @@ TEST(ChromaticShift, SplatMovesEachChannelAlongTheDiagonal) {
       ASSERT_EQ(acc.weight[c][X], -7.0f);
 }
 
-TEST(Bloom, RadialFactorGrowsFromTheCentreOfPositionZeroToTheEdges) {
+TEST(Bloom, RadialFactorGrowsFromTheFormatsCentreToTheEdges) {
   NodeParameters p;
   const Box format(0, 0, 200, 100);
   EXPECT_EQ(bloomRadialFactor(p, format, 0, 0), 0.0f);  // bloom 0: nothing
@@ -236,7 +236,10 @@ TEST(Bloom, RadialFactorGrowsFromTheCentreOfPositionZeroToTheEdges) {
   EXPECT_NEAR(bloomRadialFactor(p, format, 100, 75), 0.8f * 0.25f, 0.001f);
   EXPECT_FLOAT_EQ(bloomRadialFactor(p, format, 200, 50), 0.8f);  // mid-point of a side
   EXPECT_FLOAT_EQ(bloomRadialFactor(p, format, -500, 900), 0.8f);  // capped at 1
-  EXPECT_EQ(bloomRadialFactor(p, Box(100, 0, 300, 100), 100, 50), 0.0f);
+  // The centre is the format's own, wherever the format stands.
+  EXPECT_EQ(bloomRadialFactor(p, Box(100, 0, 300, 100), 200, 50), 0.0f);
+  EXPECT_EQ(bloomRadialFactor(p, Box(-137, 7, 63, 107), -37, 57), 0.0f);
+  EXPECT_EQ(bloomRadialFactor(p, Box(-137, 7, 63, 107), 13, 57), bloomRadialFactor(p, format, 150, 50));
   EXPECT_FALSE(std::isnan(bloomRadialFactor(p, Box(0, 0, 0, 0), 3, 4)));
   p.bloomCurvature = 0.0f;  // even over the image, centre included
   EXPECT_FLOAT_EQ(bloomRadialFactor(p, format, 100, 50), 0.8f);
