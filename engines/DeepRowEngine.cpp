@@ -134,7 +134,7 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
 
       const Box planeBox = plane.box();
       const ChannelMap& planeMap = plane.channels();
-      const ChannelSet planeChannels = planeMap.channelSet();
+      const ChannelSet planeChannels = planeMap;
       // The pieces are laid out by the plane's map, so their channels are the plane's.
       ChannelSet pieceChannels = planeChannels;
       pieceChannels &= workChannels;

@@ -79,7 +79,7 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
     mattes.fetch(node, pixelY);
     const Box planeBox = plane.box();
     const ChannelMap& planeMap = plane.channels();
-    const ChannelSet planeChannels = planeMap.channelSet();
+    const ChannelSet planeChannels = planeMap;
     // The pixel's pieces, one column of the format at a time; the matte varies by source column.
     std::vector<float> pieceCoCs;
     std::size_t walked = 0;  // pieces the walk over all of them spreads before it stops

@@ -62,7 +62,7 @@ void DeepPlane::reset(const Box& box, const ChannelSet& channels) {
     box_.r(box_.x());
   if (box_.t() < box_.y())
     box_.t(box_.y());
-  if (!(map_.channelSet() == channels) || map_.size() != channels.size())
+  if (!(static_cast<const ChannelSet&>(map_) == channels) || map_.size() != channels.size())
     map_ = ChannelMap(channels);
   data_.clear();
   firstSample_.clear();
