@@ -10,6 +10,7 @@
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
 #include "DDImage/Thread.h"
+#include "DDImage/ddImageVersionNumbers.h"
 #include "engines/DeepRowEngine.h"
 #include "engines/FlatRowEngine.h"
 #include "lens/CircleOfConfusion.h"
@@ -37,6 +38,23 @@ struct Banner {
 } const banner;
 
 const char* const kInputLabels[] = {"Input", "Kernel", "Camera", "Deep Input", "Mattes"};
+
+// Hosts before 14 have only the old accessor names; 14 deprecates them and 18 drops them.
+void readCamera(const CameraOp& camera, NodeParameters& p) {
+#if kDDImageVersionMajorNum < 14
+  p.focalLength = static_cast<float>(camera.focal_length());
+  p.focalPlane = static_cast<float>(camera.focal_point());
+  p.fStop = static_cast<float>(camera.fstop());
+  p.apertureWidth = static_cast<float>(camera.film_width());
+  p.apertureHeight = static_cast<float>(camera.film_height());
+#else
+  p.focalLength = static_cast<float>(camera.focalLength());
+  p.focalPlane = static_cast<float>(camera.focusDistance());
+  p.fStop = static_cast<float>(camera.fStop());
+  p.apertureWidth = static_cast<float>(camera.horizontalAperture());
+  p.apertureHeight = static_cast<float>(camera.verticalAperture());
+#endif
+}
 
 }  // namespace
 
@@ -133,13 +151,8 @@ void tzVorel::_validate(bool for_real) {
   if (!node_input(1) && params.kernelType == KernelInput)
     error("No input kernel connected!");
 
-  if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2))) {
-    params.focalLength = static_cast<float>(camera->focal_length());
-    params.focalPlane = static_cast<float>(camera->focal_point());
-    params.fStop = static_cast<float>(camera->fstop());
-    params.apertureWidth = static_cast<float>(camera->film_width());
-    params.apertureHeight = static_cast<float>(camera->film_height());
-  }
+  if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2)))
+    readCamera(*camera, params);
 
   copy_info();
 
