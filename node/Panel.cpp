@@ -206,6 +206,14 @@ int tzVorel::knob_changed(Knob* k) {
   if (!k)
     return Iop::knob_changed(k);
 
+  // A camera on input 2 takes over the five lens values, so their knobs are not to be edited.
+  if (k == &Knob::inputChange) {
+    const bool camera = dynamic_cast<CameraOp*>(node_input(2)) != nullptr;
+    for (const char* name : kCameraKnobs)
+      setEnabled(*this, name, !camera);
+    return 1;
+  }
+
   if (named(k, "filmFormat")) {
     Knob* width = knob("apertureWidth");
     Knob* height = knob("apertureHeight");
@@ -233,13 +241,4 @@ int tzVorel::knob_changed(Knob* k) {
   if (named(k, "overrideNearAndFarForSlices"))
     setEnabled(*this, "depthSlicesNearAndFar", params.overrideNearAndFarForSlices);
   return Iop::knob_changed(k);
-}
-
-void tzVorel::set_input(int i, Op* op, int input, int offset) {
-  if (i == 2) {
-    const bool camera = dynamic_cast<CameraOp*>(op) != nullptr;
-    for (const char* name : kCameraKnobs)
-      setEnabled(*this, name, !camera);
-  }
-  Iop::set_input(i, op, input, offset);
 }

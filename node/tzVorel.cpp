@@ -25,7 +25,7 @@ using namespace vorel;
 
 namespace {
 
-Iop* build(Node* node) {
+Op* build(Node* node) {
   return new tzVorel(node);
 }
 
@@ -58,7 +58,8 @@ void readCamera(const CameraOp& camera, NodeParameters& p) {
 
 }  // namespace
 
-const Iop::Description tzVorel::description("tzVorel", "Kestavian/tzVorel", build);
+// The host ignores a menu path given here; cmake/menu.py puts the node in a menu.
+const Iop::Description tzVorel::description("tzVorel", build);
 
 tzVorel::tzVorel(Node* node) : Iop(node) {
   inputs(5);

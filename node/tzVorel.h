@@ -33,7 +33,6 @@ public:
   void knobs(DD::Image::Knob_Callback f) override;
   int knob_changed(DD::Image::Knob* k) override;
   bool test_input(int input, DD::Image::Op* op) const override;
-  void set_input(int i, DD::Image::Op* op, int input, int offset) override;
   void append(DD::Image::Hash& hash) override;
   DD::Image::Op* default_input(int input) const override;
   const char* node_help() const override;
@@ -42,7 +41,8 @@ public:
   void engine(int y, int x, int r, DD::Image::ChannelMask channels, DD::Image::Row& row) override;
   void _request(int x, int y, int r, int t, DD::Image::ChannelMask channels, int count) override;
 
-  static const DD::Image::Iop::Description description;
+  // The plug-in's one exported symbol: the host finds the class through it.
+  __attribute__((visibility("default"))) static const DD::Image::Iop::Description description;
 
   // The rectangle of the node's format, as copy_info left it.
   DD::Image::Box formatBox() const;

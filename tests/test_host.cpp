@@ -165,8 +165,8 @@ protected:
   void _open() override { ++opens; }
 };
 
-Iop* buildProbe(Node* node) { return new Probe(node); }
-const Op::Description probeDescription("HostTestProbe", "Test/Probe", buildProbe);
+Op* buildProbe(Node* node) { return new Probe(node); }
+const Op::Description probeDescription("HostTestProbe", buildProbe);
 
 }  // namespace
 

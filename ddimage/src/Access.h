@@ -16,6 +16,11 @@ namespace Image {
 // The host's back door into ops: knob lists, reports and request records.
 struct host::Access {
   static std::vector<Knob*>& knobs(Op& op) { return op.knobs_; }
+  static void setInput(Op& op, int i, Op* source) {
+    if (i >= op.inputs())
+      op.inputs_.resize(static_cast<std::size_t>(i) + 1, nullptr);
+    op.inputs_[static_cast<std::size_t>(i)] = source;
+  }
   static const std::vector<Knob*>& knobs(const Op& op) { return op.knobs_; }
   static std::mutex& reportMutex(const Op& op) { return op.reportMutex_; }
   static bool hasError(const Op& op) { return op.hasError_; }

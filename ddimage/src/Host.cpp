@@ -40,7 +40,8 @@ bool connect(Op& op, int i, Op* source) {
     return false;
   if (source && !op.test_input(i, source))
     return false;
-  op.set_input(i, source, 0, 0);
+  Access::setInput(op, i, source);
+  op.knob_changed(&Knob::inputChange);
   op.invalidate();
   return true;
 }

@@ -54,20 +54,18 @@ std::string vformat(const char* fmt, va_list args) {
 
 // ---- Description ------------------------------------------------------------------------------
 
-Op::Description::Description(const char* n, const char* m, IopConstructor constructor)
-    : name(n), menu(m), iopConstructor_(constructor) {
+Op::Description::Description(const char* n, OpConstructor constructor, License*)
+    : name(n), menu(nullptr), constructor_(constructor) {
   enroll(this);
 }
 
-Op::Description::Description(const char* n, OpConstructor constructor, License*)
-    : name(n), menu(nullptr), opConstructor_(constructor) {
+Op::Description::Description(const char* n, const char* m, OpConstructor constructor)
+    : name(n), menu(m), constructor_(constructor) {
   enroll(this);
 }
 
 Op* Op::Description::build(Node* node) const {
-  if (iopConstructor_)
-    return iopConstructor_(node);
-  return opConstructor_ ? opConstructor_(node) : nullptr;
+  return constructor_ ? constructor_(node) : nullptr;
 }
 
 const Op::Description* Op::Description::find(const char* n) {

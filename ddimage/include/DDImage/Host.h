@@ -29,8 +29,9 @@ namespace host {
 // Builds an op of a registered class and runs a make pass of its knobs. Null for an unknown
 // class. (The class's object file must be linked in for its Description to register.)
 std::unique_ptr<Op> create(const char* className);
-// Connects source to input i of op (set_input(i, source, 0, 0)) and invalidates the op. Refused
-// (false, nothing changed) when i is out of range or test_input says no. Null disconnects.
+// Connects source to input i of op, tells the op through knob_changed(&Knob::inputChange) and
+// invalidates it. Refused (false, nothing changed) when i is out of range or test_input says no.
+// Null disconnects.
 bool connect(Op& op, int i, Op* source);
 // The host's call protocol up to rows: validate(true), request(area, channels, 1), open().
 // Rows then come from op.engine(y, x, r, channels, row), from any number of threads.

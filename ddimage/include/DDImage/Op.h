@@ -27,13 +27,14 @@ namespace MetaData { class Bundle; }
 class Op {
 public:
   typedef Op* (*OpConstructor)(Node*);
-  typedef Iop* (*IopConstructor)(Node*);
 
-  // Registers a class of op by name when the library loads.
+  // Registers a class of op by name when the library loads. The host takes its menus from
+  // menu.py files, never from here: the form with a menu path is on its way out.
   class Description {
   public:
-    Description(const char* name, const char* menu, IopConstructor constructor);
     Description(const char* name, OpConstructor constructor, License* license = nullptr);
+    [[deprecated("use Description(name, constructor)")]]
+    Description(const char* name, const char* menu, OpConstructor constructor);
     Description(const Description&) = delete;
     Description& operator=(const Description&) = delete;
 
@@ -48,8 +49,7 @@ public:
     static std::vector<std::string> names();
 
   private:
-    OpConstructor opConstructor_ = nullptr;
-    IopConstructor iopConstructor_ = nullptr;
+    OpConstructor constructor_ = nullptr;
   };
 
   enum GenerateType { OUTPUT_OP = 0, INPUT_OP = 1, INPUT_OP_PROXY = 2 };
@@ -69,6 +69,8 @@ public:
   Op* input1() const { return input(1); }
   // What is really connected to input n, or null.
   Op* node_input(int n, GenerateType type = OUTPUT_OP) const;
+  // Input changes reach knob_changed as Knob::inputChange; this hook is on its way out.
+  [[deprecated("react to Knob::inputChange in knob_changed")]]
   virtual void set_input(int i, Op* op, int input, int offset);
   virtual bool test_input(int n, Op* op) const;
   virtual Op* default_input(int n) const;
