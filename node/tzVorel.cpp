@@ -238,8 +238,18 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
       deep->deepRequest(padded, deepChannels, count);
     }
   }
+}
 
+// The host opens once per invalidation, however many requests follow, so what _open built stays
+// until the next validation, invalidation or close.
+void tzVorel::_invalidate() {
   releaseKernels();
+  Iop::_invalidate();
+}
+
+void tzVorel::_close() {
+  releaseKernels();
+  Iop::_close();
 }
 
 void tzVorel::_open() {

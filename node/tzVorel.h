@@ -40,6 +40,8 @@ public:
   const char* Class() const override;
   void engine(int y, int x, int r, DD::Image::ChannelMask channels, DD::Image::Row& row) override;
   void _request(int x, int y, int r, int t, DD::Image::ChannelMask channels, int count) override;
+  void _invalidate() override;
+  void _close() override;
 
   // The plug-in's one exported symbol: the host finds the class through it.
   __attribute__((visibility("default"))) static const DD::Image::Iop::Description description;
@@ -49,10 +51,11 @@ public:
   // Input 3 as a deep op, or null.
   DD::Image::DeepOp* deepInput() const;
   // True from the end of an _open that built what the output type needs, until the next
-  // _validate or _request. Rows that need kernels check it rather than trusting the host's order.
+  // _validate, _invalidate or _close. Rows that need kernels check it rather than trusting the
+  // host's order.
   bool kernelsReady() const { return kernelsReady_; }
 
-  // Releases the bank and the master kernel (both _validate and _request do this).
+  // Releases the bank, the master kernel and the frame tables.
   void releaseKernels();
 
   // State read by the row code. Declared in the order the node owns it.

@@ -320,7 +320,8 @@ TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
   auto flat = depthImage(16, 4, 1.0f);
   host::connect(*node, 0, flat.get());
   host::prepare(*node, Box(0, 0, 16, 4), rgbaz());
-  node->request(0, 0, 16, 4, rgbaz(), 1);  // drops the kernels again
+  node->invalidate();  // drops the kernels again
+  node->validate(true);
   Row row(0, 16);
   node->engine(1, 0, 16, rgbaz(), row);
   for (int x = 0; x < 16; ++x) {
