@@ -152,8 +152,14 @@ void tzVorel::_validate(bool for_real) {
   if (!node_input(1) && params.kernelType == KernelInput)
     error("No input kernel connected!");
 
-  if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2)))
-    readCamera(*camera, params);
+  // node_input tells what is connected; the op holding the render's values is input(2), and a
+  // camera has its values only once it is validated.
+  if (node_input(2)) {
+    if (CameraOp* camera = dynamic_cast<CameraOp*>(Op::input(2))) {
+      camera->validate(for_real);
+      readCamera(*camera, params);
+    }
+  }
 
   copy_info();
 

@@ -48,7 +48,7 @@ void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
       planes[c][X] = 0.0f;
   }
 
-  DeepOp* deep = dynamic_cast<DeepOp*>(node.node_input(3, Op::OUTPUT_OP));
+  DeepOp* deep = node.deepInput();
   if (deep && !colourSet.empty()) {
     ChannelSet deepChannels = p.vorelChannels;
     deepChannels -= Chan_Z;
