@@ -98,8 +98,9 @@ void tzVorel::append(Hash& hash) {
   hash.append(kVorelVersion[2]);
 }
 
-const MetaData::Bundle& tzVorel::_fetchMetaData(const char*) {
-  return params.metadata;
+// Input 0's metadata goes on downstream, as the host's own nodes hand it on.
+const MetaData::Bundle& tzVorel::_fetchMetaData(const char* key) {
+  return Iop::_fetchMetaData(key);
 }
 
 Box tzVorel::formatBox() const {
