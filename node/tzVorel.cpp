@@ -192,8 +192,9 @@ void tzVorel::_validate(bool for_real) {
   }
 
   const int m = params.max_kernelsize;
+  // clipmove would keep a box that covers the format within it: pad really grows it.
   if (params.expandBBoxToMaxKernelSize)
-    info_.clipmove(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
+    info_.pad(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
 
   if (for_real) {
     // The host's output context starts with its proxy scale; every CoC is multiplied by it.
