@@ -215,8 +215,17 @@ void tzVorel::_validate(bool for_real) {
 // Request and open
 
 void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int count) {
-  const int K = kernelRadius;
-  const Box padded(x - K, y - K, r + K, t + K);
+  // The host clamps reads to what was requested, so ask for all that will be read: the rows reach
+  // as far as the radius the scan settles on, which is at most two more than this one, and the
+  // defocus outputs' _open reads the whole image.
+  const int K = kernelRadius + 2;
+  Box padded(x - K, y - K, r + K, t + K);
+  const bool defocus = params.outputType == OutputDefocusedImage || params.outputType == OutputLensBloom;
+  if (defocus) {
+    Box whole = formatBox();
+    whole.merge(info().box());
+    padded.merge(Box(whole.x() - K, whole.y() - K, whole.r() + K, whole.t() + K));
+  }
 
   if (node_input(0)) {
     ChannelSet wanted = channels;

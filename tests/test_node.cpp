@@ -282,7 +282,9 @@ TEST(Request, InputsAreAskedForThePaddedArea) {
 
   ASSERT_EQ(host::requests(*flat).size(), 1u);
   const host::Request& in = host::requests(*flat)[0];
-  EXPECT_EQ(in.area, Box(0, 2, 40, 50));
+  // Padded by the radius the scan may settle on (10 + 2), and for the defocus the whole image as
+  // well.
+  EXPECT_EQ(in.area, Box(-12, -12, 76, 76));
   EXPECT_TRUE(in.channels == rgbaz());
   EXPECT_EQ(in.count, 3);
   // The kernel image is asked for whole, even for the circular kernel.
@@ -312,7 +314,7 @@ TEST(Request, DeepInputGetsItsOwnChannels) {
   expected += Chan_DeepFront;
   expected += Chan_DeepBack;
   EXPECT_TRUE(host::deepRequests(deep)[0].channels == expected);
-  EXPECT_EQ(host::deepRequests(deep)[0].area, Box(-4, -4, 20, 20));
+  EXPECT_EQ(host::deepRequests(deep)[0].area, Box(-6, -6, 22, 22));
 }
 
 TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
