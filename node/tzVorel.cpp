@@ -226,13 +226,16 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
     whole.merge(info().box());
     padded.merge(Box(whole.x() - K, whole.y() - K, whole.r() + K, whole.t() + K));
   }
+  // Every output row of the defocus reads 2K+1 rows of input 0, the mattes and the deep input;
+  // the host caches an input only when its count says it is read more than once.
+  const int reads = defocus ? count * (2 * K + 1) : count;
 
   if (node_input(0)) {
     ChannelSet wanted = channels;
     wanted += params.vorelChannels;
     wanted += params.depthChannel;
     wanted += Chan_Alpha;
-    input(0)->request(padded, wanted, count);
+    input(0)->request(padded, wanted, reads);
   }
   if (node_input(1)) {
     Iop* kernelImage = input(1);
@@ -240,7 +243,7 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
     kernelImage->request(box.x(), box.y(), box.r(), box.t(), params.vorelChannels, count);
   }
   if (node_input(4))
-    input(4)->request(padded, matteChannels, count);
+    input(4)->request(padded, matteChannels, reads);
   if (Op::input(3) && params.hasDeepInput) {
     ChannelSet deepChannels = channels;
     deepChannels += params.vorelChannels;
@@ -252,7 +255,7 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
       if (!deep->op()->real_valid())
         deep->op()->validate(true);
       deepChannels &= deep->deepInfo().channels();
-      deep->deepRequest(padded, deepChannels, count);
+      deep->deepRequest(padded, deepChannels, reads);
     }
   }
 }

@@ -283,10 +283,10 @@ TEST(Request, InputsAreAskedForThePaddedArea) {
   ASSERT_EQ(host::requests(*flat).size(), 1u);
   const host::Request& in = host::requests(*flat)[0];
   // Padded by the radius the scan may settle on (10 + 2), and for the defocus the whole image as
-  // well.
+  // well; each output row reads 2 * 12 + 1 input rows.
   EXPECT_EQ(in.area, Box(-12, -12, 76, 76));
   EXPECT_TRUE(in.channels == rgbaz());
-  EXPECT_EQ(in.count, 3);
+  EXPECT_EQ(in.count, 75);
   // The kernel image is asked for whole, even for the circular kernel.
   ASSERT_EQ(host::requests(*kernel).size(), 1u);
   EXPECT_EQ(host::requests(*kernel)[0].area, Box(0, 0, 9, 7));
