@@ -6,7 +6,6 @@
 
 #include "DDImage/CameraOp.h"
 #include "DDImage/DeepOp.h"
-#include "DDImage/Interest.h"
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
 #include "DDImage/Thread.h"
@@ -320,16 +319,11 @@ void unrenderedRow(Iop& input, int y, int x, int r, const ChannelSet& channels,
 }  // namespace
 
 void tzVorel::engine(int y, int x, int r, ChannelMask channels, Row& row) {
-  ChannelSet fetchChannels = channels;
-  fetchChannels += params.vorelChannels;
-  fetchChannels += params.depthChannel;
-  fetchChannels += Chan_Alpha;
-
   if (aborted())
     return;
 
+  // No Interest here: the host would lock the whole requested area of input 0 for every row.
   Iop& source = *input(0);
-  Interest interest(source, fetchChannels, false, nullptr);
 
   const bool needsBank = params.outputType == OutputDefocusedImage || params.outputType == OutputLensBloom;
   const bool known = params.outputType >= OutputDefocusedImage && params.outputType <= OutputFocusMatte;
