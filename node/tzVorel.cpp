@@ -259,6 +259,14 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
   }
 }
 
+void tzVorel::openInputs() {
+  for (int n : {0, 1, 4})
+    if (Iop* in = input(n))
+      in->open();
+  if (DeepOp* deep = deepInput())
+    deep->op()->open();
+}
+
 // The host opens once per invalidation, however many requests follow, so what _open built stays
 // until the next validation, invalidation or close.
 void tzVorel::_invalidate() {
@@ -272,6 +280,9 @@ void tzVorel::_close() {
 }
 
 void tzVorel::_open() {
+  // _open runs under the host's global lock, and the workers below read the inputs: an input
+  // they had to open themselves would wait for that lock forever.
+  openInputs();
   switch (params.outputType) {
     case OutputFilterShape:
       buildMasterKernel(masterKernel, params, formatBox(), input(1), true);

@@ -57,6 +57,8 @@ public:
 
   // Releases the bank, the master kernel and the frame tables.
   void releaseKernels();
+  // Opens every input _open's workers read.
+  void openInputs();
 
   // State read by the row code. Declared in the order the node owns it.
   vorel::Kernel masterKernel;
