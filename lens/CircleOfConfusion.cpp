@@ -1,5 +1,6 @@
 #include "lens/CircleOfConfusion.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -41,6 +42,13 @@ void deriveLensValues(NodeParameters& p, int fullWidth, int fullHeight, float ui
 
   const float focusMM = p.focalPlane * worldScaleFactor(p.worldScale) * p.worldScaleMultiplier;
   p.lensConstant = p.focalLength / (focusMM - p.focalLength) * p.focalLength / p.fStop;
+}
+
+int kernelSizeLimit(int maxKernelSize, float proxyScale) {
+  if (proxyScale == 1.0f)
+    return maxKernelSize;
+  const float scaled = ceilf(static_cast<float>(maxKernelSize) * proxyScale);
+  return scaled >= 1.0f ? static_cast<int>(std::min(scaled, 2147483520.0f)) : 1;
 }
 
 float conditionFlatDepth(const NodeParameters& p, float value) {

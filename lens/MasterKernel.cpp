@@ -7,6 +7,7 @@
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
+#include "lens/CircleOfConfusion.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -124,7 +125,7 @@ void buildMasterKernel(Kernel& master, const NodeParameters& p, const DD::Image:
   // Stale planes of an earlier channel set must not survive a rebuild.
   master.clear();
 
-  int base = p.max_kernelsize;
+  int base = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   if (filterShapeOutput)
     base = std::min(formatBox.r() - formatBox.x(), formatBox.t() - formatBox.y());
 

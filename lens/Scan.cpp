@@ -94,11 +94,11 @@ void scanMaxCoC(tzVorel& node) {
       scanFlatRow(node, *source, y, width);
   }
 
-  if (node.maxCoC > p.max_kernelsize) {
+  if (node.maxCoC > kernelSizeLimit(p.max_kernelsize, p.uiScale)) {
     node.warning("Max kernel size is less than the maximum coc in the result, you may want to consider "
                  "increasing the max kernel size above %d.",
                  node.maxCoC);
-    node.maxCoC = p.max_kernelsize;
+    node.maxCoC = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   }
 
   // Room for the entry two sizes above the largest CoC, which the splat blends in.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "DDImage/CameraOp.h"
 #include "DDImage/DeepOp.h"
@@ -190,17 +189,17 @@ void tzVorel::_validate(bool for_real) {
     deep->validate(true);
   }
 
-  const int m = params.max_kernelsize;
+  // At a proxy scale the cap on the blur shrinks with the image.
+  const float proxyScale = outputContext().scale_x();
+  const int m = kernelSizeLimit(params.max_kernelsize, proxyScale);
   // clipmove would keep a box that covers the format within it: pad really grows it.
   if (params.expandBBoxToMaxKernelSize)
     info_.pad(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
 
   if (for_real) {
-    // The host's output context starts with its proxy scale; every CoC is multiplied by it.
-    float uiScale;
-    std::memcpy(&uiScale, &uiContext(), sizeof uiScale);
+    // The scale of the render, not of the panel (uiContext): every CoC is multiplied by it.
     const Format& full = info_.full_size_format();
-    deriveLensValues(params, full.width(), full.height(), uiScale);
+    deriveLensValues(params, full.width(), full.height(), proxyScale);
     sliceBoundaries = computeSliceBoundaries(params);
   }
 
