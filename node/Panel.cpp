@@ -57,6 +57,17 @@ bool named(Knob* k, const char* name) {
 
 const char* const kCameraKnobs[] = {"focalPlane", "focalLength", "fStop", "apertureWidth", "apertureHeight"};
 
+// State rules: only enable/disable, never a value.
+void applyKnobStates(Op& op, const NodeParameters& p) {
+  setEnabled(op, "multiplier", !p.realWorldLens);
+  setEnabled(op, "focusRegionFalloff", !p.realWorldLens);
+  if (op.knob("apertureWidth") && op.knob("apertureHeight")) {
+    setEnabled(op, "apertureWidth", p.filmFormat == kCustomFilmFormat);
+    setEnabled(op, "apertureHeight", p.filmFormat == kCustomFilmFormat);
+  }
+  setEnabled(op, "depthSlicesNearAndFar", p.overrideNearAndFarForSlices);
+}
+
 }  // namespace
 
 void tzVorel::knobs(Knob_Callback f) {
@@ -192,14 +203,7 @@ void tzVorel::knobs(Knob_Callback f) {
   MultiFloat_knob(f, p.depthSlicesNearAndFar, 2, "depthSlicesNearAndFar", "Near and Far");
   Tooltip(f, "Set the values used to override the near and far plane for corrective slice purposes.");
 
-  // State rules: only enable/disable, never a value.
-  setEnabled(*this, "multiplier", !p.realWorldLens);
-  setEnabled(*this, "focusRegionFalloff", !p.realWorldLens);
-  if (knob("apertureWidth") && knob("apertureHeight")) {
-    setEnabled(*this, "apertureWidth", p.filmFormat == kCustomFilmFormat);
-    setEnabled(*this, "apertureHeight", p.filmFormat == kCustomFilmFormat);
-  }
-  setEnabled(*this, "depthSlicesNearAndFar", p.overrideNearAndFarForSlices);
+  applyKnobStates(*this, p);
 }
 
 int tzVorel::knob_changed(Knob* k) {
@@ -214,6 +218,14 @@ int tzVorel::knob_changed(Knob* k) {
     return 1;
   }
 
+  // A panel made afresh shows the state of the knobs and of the inputs.
+  if (k == &Knob::showPanel) {
+    applyKnobStates(*this, params);
+    knob_changed(&Knob::inputChange);
+    return 1;
+  }
+  // The film back itself is taken from the format at validation (a script sets filmFormat with
+  // no knob_changed); here the two knobs only show it.
   if (named(k, "filmFormat")) {
     Knob* width = knob("apertureWidth");
     Knob* height = knob("apertureHeight");
@@ -229,8 +241,6 @@ int tzVorel::knob_changed(Knob* k) {
       if (width) width->enable();
       if (height) height->enable();
     }
-    if (width) params.apertureWidth = static_cast<float>(width->get_value(0));
-    if (height) params.apertureHeight = static_cast<float>(height->get_value(0));
     return 1;
   }
   if (named(k, "realWorldLens")) {
@@ -238,7 +248,10 @@ int tzVorel::knob_changed(Knob* k) {
     setEnabled(*this, "focusRegionFalloff", !params.realWorldLens);
     return 1;
   }
-  if (named(k, "overrideNearAndFarForSlices"))
+  // Non-zero for every knob handled here: 0 tells the host to stop calling for that knob.
+  if (named(k, "overrideNearAndFarForSlices")) {
     setEnabled(*this, "depthSlicesNearAndFar", params.overrideNearAndFarForSlices);
+    return 1;
+  }
   return Iop::knob_changed(k);
 }

@@ -151,6 +151,12 @@ void tzVorel::_validate(bool for_real) {
   if (!node_input(1) && params.kernelType == KernelInput)
     error("No input kernel connected!");
 
+  // A preset film format gives the film back (a camera, below, overrides it).
+  if (params.filmFormat >= 0 && params.filmFormat < kCustomFilmFormat) {
+    params.apertureWidth = kFilmFormats[params.filmFormat].width;
+    params.apertureHeight = kFilmFormats[params.filmFormat].height;
+  }
+
   // node_input tells what is connected; the op holding the render's values is input(2), and a
   // camera has its values only once it is validated.
   if (node_input(2)) {
