@@ -129,8 +129,9 @@ void deepRowEngine(const tzVorel& node, int y, int x, int r, const ChannelSet& c
       paddedInput.get(*input, pixelY, paddedLeft, paddedRight, channels);
       paddedMattes.fetch(node, pixelY);
 
+      // false means the render is aborted: nothing more is fetched, nothing merged.
       if (!deep->deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels, plane))
-        continue;
+        return;
 
       const Box planeBox = plane.box();
       const ChannelMap& planeMap = plane.channels();

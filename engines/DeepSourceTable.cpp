@@ -1,6 +1,7 @@
 #include "engines/DeepSourceTable.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 
@@ -30,10 +31,11 @@ constexpr float kOpaque = 1e-6f;
 struct Build {
   const tzVorel* node;
   DeepSourceTable* table;
+  std::atomic<bool> aborted{false};
 };
 
 void buildRows(unsigned index, unsigned nThreads, void* data) {
-  const Build& b = *static_cast<const Build*>(data);
+  Build& b = *static_cast<Build*>(data);
   const tzVorel& node = *b.node;
   DeepSourceTable& t = *b.table;
   const NodeParameters& p = node.params;
@@ -73,8 +75,11 @@ void buildRows(unsigned index, unsigned nThreads, void* data) {
     std::fill(reach, reach + width, -1);
     std::fill(t.reachSided.data() + static_cast<std::size_t>(pixelY) * width,
               t.reachSided.data() + static_cast<std::size_t>(pixelY + 1) * width, -1);
-    if (!deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
-      continue;
+    // false: the render is aborted, and a half-built table must not be used.
+    if (b.aborted || !deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane)) {
+      b.aborted = true;
+      return;
+    }
     MatteRow mattes(t.left, t.right);
     mattes.fetch(node, pixelY);
     const Box planeBox = plane.box();
@@ -172,7 +177,7 @@ void buildDeepSourceTable(const tzVorel& node, DeepSourceTable& table) {
   const unsigned threads = std::max(1u, std::min<unsigned>(Thread::numCPUs, static_cast<unsigned>(rows)));
   Thread::spawn(buildRows, threads, &build);
   Thread::wait(&build);
-  table.ready = true;
+  table.ready = !build.aborted;
 }
 
 }  // namespace vorel

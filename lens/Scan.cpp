@@ -52,16 +52,17 @@ void scanFlatRow(tzVorel& node, Iop& source, int y, int width) {
   }
 }
 
-void scanDeepRow(tzVorel& node, int y, int width) {
+// False when the deep input reports the render aborted.
+bool scanDeepRow(tzVorel& node, int y, int width) {
   DeepOp* deep = node.deepInput();
   if (!deep)
-    return;
+    return true;
   ChannelSet depths;
   depths += Chan_DeepFront;
   depths += Chan_DeepBack;
   DeepPlane plane;
   if (!deep->deepEngine(Box(0, y, width, y + 1), depths, plane))
-    return;
+    return false;
   const NodeParameters& p = node.params;
   for (int x = 0; x < width; ++x) {
     const DeepPixel pixel = plane.getPixel(y, x);
@@ -75,6 +76,7 @@ void scanDeepRow(tzVorel& node, int y, int width) {
     if (c > node.maxCoC)
       node.maxCoC = c;
   }
+  return true;
 }
 
 }  // namespace
@@ -88,9 +90,10 @@ void scanMaxCoC(tzVorel& node) {
   node.maxCoC = 0;
   Iop* source = node.input(0);
   for (int y = 0; width > 0 && y < height; ++y) {
-    if (p.hasDeepInput)
-      scanDeepRow(node, y, width);
-    else if (source)
+    if (p.hasDeepInput) {
+      if (!scanDeepRow(node, y, width))
+        break;
+    } else if (source)
       scanFlatRow(node, *source, y, width);
   }
 

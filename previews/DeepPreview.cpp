@@ -58,44 +58,45 @@ void deepPreviewRow(const tzVorel& node, int y, int x, int r, const ChannelSet& 
     const Channel depthOfSample = sampleDepthChannel(p.depthChannel);
 
     DeepPlane plane;
-    if (deep->deepEngine(Box(x, y, r, y + 1), deepChannels, plane)) {
-      const Box box = plane.box();
-      const ChannelMap& map = plane.channels();
+    // false means the render is aborted: the row is left unfinished.
+    if (!deep->deepEngine(Box(x, y, r, y + 1), deepChannels, plane))
+      return;
+    const Box box = plane.box();
+    const ChannelMap& map = plane.channels();
 
-      // What no sample covers shows the far limit; its value is the same for every pixel.
-      float farValue[4] = {0.0f, 0.0f, 0.0f, 0.0f};
-      foreach (c, colourSet)
-        farValue[c] = previewValue(p, node.maxCoC, kFarLimit, c);
+    // What no sample covers shows the far limit; its value is the same for every pixel.
+    float farValue[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    foreach (c, colourSet)
+      farValue[c] = previewValue(p, node.maxCoC, kFarLimit, c);
 
-      // The combined samples do not depend on the channel, so they are made once per pixel.
-      DeepOutPixel combined;
-      combined.reserve(64);
-      for (int X = x; X < r; ++X) {
-        if (X < box.x() || X >= box.r() || y < box.y() || y >= box.t())
-          continue;
-        combined.clear();
-        CombineOverlappingSamples(map, plane.getPixel(y, X), combined);
-        const DeepPixel samples = combined.getPixel(map, DeepPixel::eZDescending);
-        const std::size_t count = samples.getSampleCount();
+    // The combined samples do not depend on the channel, so they are made once per pixel.
+    DeepOutPixel combined;
+    combined.reserve(64);
+    for (int X = x; X < r; ++X) {
+      if (X < box.x() || X >= box.r() || y < box.y() || y >= box.t())
+        continue;
+      combined.clear();
+      CombineOverlappingSamples(map, plane.getPixel(y, X), combined);
+      const DeepPixel samples = combined.getPixel(map, DeepPixel::eZDescending);
+      const std::size_t count = samples.getSampleCount();
 
-        foreach (c, colourSet) {
-          float& out = planes[c][X];
-          float transmittance = 1.0f;
-          float coveredAlpha = 0.0f;
-          for (std::size_t i = 0; i < count; ++i) {
-            const float depth = samples.getOrderedSample(i, depthOfSample);
-            const float alpha = samples.getOrderedSample(i, Chan_Alpha);
-            const float value = previewValue(p, node.maxCoC, depth, c);
-            const float weight = alpha * transmittance;
-            out += weight * value;
-            coveredAlpha += weight;
-            transmittance = 1.0f - coveredAlpha;
-            if (0.0f >= transmittance)
-              break;
-          }
-          if (1.0f > coveredAlpha)
-            out += (1.0f - coveredAlpha) * farValue[c];
+      foreach (c, colourSet) {
+        float& out = planes[c][X];
+        float transmittance = 1.0f;
+        float coveredAlpha = 0.0f;
+        for (std::size_t i = 0; i < count; ++i) {
+          const float depth = samples.getOrderedSample(i, depthOfSample);
+          const float alpha = samples.getOrderedSample(i, Chan_Alpha);
+          const float value = previewValue(p, node.maxCoC, depth, c);
+          const float weight = alpha * transmittance;
+          out += weight * value;
+          coveredAlpha += weight;
+          transmittance = 1.0f - coveredAlpha;
+          if (0.0f >= transmittance)
+            break;
         }
+        if (1.0f > coveredAlpha)
+          out += (1.0f - coveredAlpha) * farValue[c];
       }
     }
   }
