@@ -1,6 +1,7 @@
 #include "engines/DeepSourceTable.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 
@@ -32,7 +33,8 @@ void walkPixel(const Frame& frame, const DeepPlane& plane, int pixelX, int pixel
   const Channel depthChannel = sampleDepthChannel(frame.params.depthChannel);
   out.cocs.clear();
   pieces.clear();
-  prepareDeepSamples(plane.channels().channelSet(), plane.getPixel(pixelY, pixelX), pieces);
+  const ChannelSet planeChannels = plane.channels();
+  prepareDeepSamples(planeChannels, plane.getPixel(pixelY, pixelX), pieces);
   const DeepPixel view = pieces.getPixel(plane.channels(), DeepPixel::eZDescending);
   const std::size_t count = view.getSampleCount();
   for (std::size_t i = 0; i < count; ++i)
@@ -49,8 +51,8 @@ void walkPixel(const Frame& frame, const DeepPlane& plane, int pixelX, int pixel
   out.remainder = 1.0f > covered;
 }
 
-// Deep pixel row pixelY of the table.
-void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChannels, int pixelY) {
+// Deep pixel row pixelY of the table; false when the deep fetch fails (the render is aborted).
+bool fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChannels, int pixelY) {
   const NodeParameters& p = frame.params;
   const int fw = frame.formatWidth();
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
@@ -60,7 +62,7 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   std::fill(reachSided, reachSided + width, -1);
   DeepPlane plane;
   if (!frame.inputs.deep->deepEngine(Box(0, pixelY, fw, pixelY + 1), deepChannels, plane))
-    return;
+    return false;
   MatteRow mattes(t.left, t.right);
   mattes.fetch(frame, pixelY);
   const Box planeBox = plane.box();
@@ -97,6 +99,7 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   }
   t.rowReach[static_cast<std::size_t>(pixelY)] = rowReach;
   t.rowReachSided[static_cast<std::size_t>(pixelY)] = rowReachSided;
+  return true;
 }
 
 }  // namespace
@@ -129,8 +132,13 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   ChannelSet available = deep->deepInfo().channels();
   available &= frame.params.vorelChannels;
   const ChannelSet deepChannels = deepPieceChannels(available);
-  parallelRows(table.rows, [&](int pixelY) { fillRow(frame, table, deepChannels, pixelY); });
-  table.ready = true;
+  // A failed fetch means the render is aborted, and a half-built table must not be used.
+  std::atomic<bool> aborted{false};
+  parallelRows(table.rows, [&](int pixelY) {
+    if (!aborted && !fillRow(frame, table, deepChannels, pixelY))
+      aborted = true;
+  });
+  table.ready = !aborted;
   return table;
 }
 

@@ -7,6 +7,7 @@
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
+#include "lens/CircleOfConfusion.h"
 
 using DD::Image::Channel;
 using DD::Image::ChannelSet;
@@ -123,7 +124,7 @@ Kernel buildMasterKernel(const NodeParameters& p, const DD::Image::Box& formatBo
                          bool filterShapeOutput) {
   Kernel master;
 
-  int base = p.max_kernelsize;
+  int base = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   if (filterShapeOutput)
     base = std::min(formatBox.r() - formatBox.x(), formatBox.t() - formatBox.y());
 

@@ -50,13 +50,14 @@ void scanFlatRow(const NodeParameters& p, Iop& source, int y, int width, int& ma
   }
 }
 
-void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& maxCoC) {
+// False when the deep input reports the render aborted.
+bool scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& maxCoC) {
   ChannelSet depths;
   depths += Chan_DeepFront;
   depths += Chan_DeepBack;
   DeepPlane plane;
   if (!deep.deepEngine(Box(0, y, width, y + 1), depths, plane))
-    return;
+    return false;
   const std::vector<float> noSlices;
   for (int x = 0; x < width; ++x) {
     const DeepPixel pixel = plane.getPixel(y, x);
@@ -69,6 +70,7 @@ void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int width, int& m
     if (c > maxCoC)
       maxCoC = c;
   }
+  return true;
 }
 
 }  // namespace
@@ -81,17 +83,19 @@ ScanResult scanMaxCoC(const NodeParameters& p, const Box& format, Iop* source, D
   int maxCoC = 0;
   for (int y = 0; width > 0 && y < height; ++y) {
     if (p.hasDeepInput) {
-      if (deep)
-        scanDeepRow(p, *deep, y, width, maxCoC);
+      if (deep && !scanDeepRow(p, *deep, y, width, maxCoC))
+        break;
     } else if (source) {
       scanFlatRow(p, *source, y, width, maxCoC);
     }
   }
 
+  // At a proxy scale the cap shrinks with the image.
+  const int limit = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   result.found = maxCoC;
-  if (maxCoC > p.max_kernelsize) {
+  if (maxCoC > limit) {
     result.capped = true;
-    maxCoC = p.max_kernelsize;
+    maxCoC = limit;
   }
   result.maxCoC = maxCoC;
   result.kernelRadius = kernelRadiusFor(maxCoC, true);
