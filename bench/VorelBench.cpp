@@ -1,5 +1,5 @@
-// Full-frame renders through the host's protocol as `vorel render` drives it: validated once, then
-// per frame request, open (kernel bank and per-frame tables included) and every row of the box on
+// Full-frame renders through the host's protocol as `vorel render` drives it: per frame an
+// invalidation, validate, request, open (kernel bank and per-frame tables included) and every row of the box on
 // N threads taking rows in turn, each row through Iop::engine into a Row and copied out. File reading and writing is left out of these timings;
 // the end-to-end `vorel render` run at the end (wall time and peak memory) has it.
 //
@@ -173,8 +173,11 @@ struct Setup {
     out.assign(outChannels.size(), std::vector<float>(std::size_t(box.w()) * box.h()));
   }
 
+  // A new frame: the host opens a node once per invalidation, so each frame starts with one.
   void open(unsigned threads) {
     Thread::numCPUs = threads;
+    node->invalidate();
+    node->validate(true);
     node->request(box, channels, 1);
     node->open();
   }

@@ -36,7 +36,8 @@ class DeepSources {
 public:
   DeepSources(const Frame& frame, const SplatContext& context, const ChannelSet& channels, int y, int x,
               int r, int side);
-  void spread(const RowSpan& span, const SliceAccumulators& slices);
+  // False when the render is aborted.
+  bool spread(const RowSpan& span, const SliceAccumulators& slices);
 
 private:
   bool fetchRow(int pixelY);
@@ -95,7 +96,7 @@ DeepSources::DeepSources(const Frame& frame, const SplatContext& context, const 
   pieces_.reserve(64);
 }
 
-void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
+bool DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
   // The frame's table tells which deep pixels can reach this row at all; the others, and whole
   // source rows of them, are passed over before they are fetched or cut into pieces.
   const DeepSourceTable& table = frame_.deepSources;
@@ -113,8 +114,9 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
         continue;
       reach = (allPieces ? table.reach : table.reachSided).data() + tableRow * tableWidth;
     }
+    // false means the render is aborted: nothing more is fetched, nothing merged.
     if (!fetchRow(pixelY))
-      continue;
+      return false;
     const Box planeBox = plane_.box();
     for (int sourceX = left_; sourceX < right_; ++sourceX) {
       if (reach && reach[sourceX - table.left] < distance)
@@ -128,6 +130,7 @@ void DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
       spreadPixel(sourceX, sourceY, pixelX, pixelY, span, slices);
     }
   }
+  return true;
 }
 
 // The flat row, the matte row and the deep row at pixelY; false when the deep fetch fails.
@@ -138,7 +141,7 @@ bool DeepSources::fetchRow(int pixelY) {
   paddedMattes_.fetch(frame_, pixelY);
   if (!deep_.deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels_, plane_))
     return false;
-  planeChannels_ = plane_.channels().channelSet();
+  planeChannels_ = plane_.channels();
   // The pieces are laid out by the plane's map, so their channels are the plane's.
   ChannelSet pieceChannels = planeChannels_;
   pieceChannels &= workChannels_;
@@ -196,9 +199,9 @@ void deepRowEngine(const Frame& frame, int y, int x, int r, const ChannelSet& ch
              [&](const SplatContext& context, const RowSpan& span, const SliceAccumulators& slices) {
                // Without kernels (not opened since the last validation) nothing can be spread.
                if (!frame.inputs.deep || !frame.inputs.source || frame.kernelRadius < 0 || frame.kernelBank.empty())
-                 return;
+                 return true;
                DeepSources sources(frame, context, channels, y, x, r, side);
-               sources.spread(span, slices);
+               return sources.spread(span, slices);
              });
 }
 

@@ -5,6 +5,7 @@
 
 #include "DDImage/ChannelSet.h"
 #include "DDImage/DeepPixel.h"
+#include "DDImage/DeepPlane.h"
 
 namespace vorel {
 

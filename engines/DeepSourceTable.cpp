@@ -1,6 +1,7 @@
 #include "engines/DeepSourceTable.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cmath>
 
@@ -33,7 +34,8 @@ void walkPixel(const Frame& frame, const DeepPlane& plane, int pixelX, int pixel
   const Channel depthChannel = sampleDepthChannel(frame.params.depthChannel);
   out.cocs.clear();
   pieces.clear();
-  prepareDeepSamples(plane.channels().channelSet(), plane.getPixel(pixelY, pixelX), pieces);
+  const ChannelSet planeChannels = plane.channels();
+  prepareDeepSamples(planeChannels, plane.getPixel(pixelY, pixelX), pieces);
   const DeepPixel view = pieces.getPixel(plane.channels(), DeepPixel::eZDescending);
   const std::size_t count = view.getSampleCount();
   for (std::size_t i = 0; i < count; ++i)
@@ -50,8 +52,8 @@ void walkPixel(const Frame& frame, const DeepPlane& plane, int pixelX, int pixel
   out.remainder = 1.0f > covered;
 }
 
-// Deep pixel row pixelY of the table.
-void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChannels, int pixelY) {
+// Deep pixel row pixelY of the table; false when the deep fetch fails (the render is aborted).
+bool fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChannels, int pixelY) {
   const NodeParameters& p = frame.params;
   const Box& window = t.window;
   const std::size_t width = static_cast<std::size_t>(t.right - t.left);
@@ -65,7 +67,7 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   const int readLeft = clampInto(t.left, window.x(), window.r());
   const int readRight = clampInto(t.right - 1, window.x(), window.r()) + 1;
   if (!frame.inputs.deep->deepEngine(Box(readLeft, pixelY, readRight, pixelY + 1), deepChannels, plane))
-    return;
+    return false;
   MatteRow mattes(t.left, t.right);
   mattes.fetch(frame, pixelY);
   const Box planeBox = plane.box();
@@ -102,6 +104,7 @@ void fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
   }
   t.rowReach[tableRow] = rowReach;
   t.rowReachSided[tableRow] = rowReachSided;
+  return true;
 }
 
 }  // namespace
@@ -139,8 +142,13 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   ChannelSet available = deep->deepInfo().channels();
   available &= frame.params.vorelChannels;
   const ChannelSet deepChannels = deepPieceChannels(available);
-  parallelRows(windowRows, [&](int i) { fillRow(frame, table, deepChannels, table.bottom + i); });
-  table.ready = true;
+  // A failed fetch means the render is aborted, and a half-built table must not be used.
+  std::atomic<bool> aborted{false};
+  parallelRows(windowRows, [&](int i) {
+    if (!aborted && !fillRow(frame, table, deepChannels, table.bottom + i))
+      aborted = true;
+  });
+  table.ready = !aborted;
   return table;
 }
 

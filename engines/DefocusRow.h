@@ -13,7 +13,8 @@
 
 namespace vorel {
 
-// `spreadSources(context, span, slices)` splats every source sample of the row.
+// `spreadSources(context, span, slices)` splats every source sample of the row; false means the
+// render is aborted, and the row is left unfinished.
 template <class SpreadSources>
 void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::ChannelSet& channels,
                 DD::Image::Row& out, const SpreadSources& spreadSources) {
@@ -32,7 +33,8 @@ void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::Channe
     return;
   SliceAccumulators slices(p.correctiveSlices, x, r, spread);
   const SplatContext context(frame, channels);
-  spreadSources(context, RowSpan{x, y, r}, slices);
+  if (!spreadSources(context, RowSpan{x, y, r}, slices))
+    return;
   shareWeights(context, slices, x, r);
   mergeSlices(slices, out, x, r, channels, p.vorelChannels);
 }

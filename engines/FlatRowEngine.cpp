@@ -190,6 +190,7 @@ void flatRowEngine(const Frame& frame, int y, int x, int r, const ChannelSet& ch
              [&](const SplatContext& context, const RowSpan& span, const SliceAccumulators& slices) {
                FlatSources sources(frame, context, channels, y, x, r);
                sources.spread(span, slices);
+               return true;
              });
 }
 

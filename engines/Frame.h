@@ -28,10 +28,9 @@ struct MattePlan {
 
 // The node's inputs as the rows read them; null where nothing is there.
 struct FrameInputs {
-  DD::Image::Iop* source = nullptr;          // input 0, or the host's default op
-  DD::Image::Iop* mattes = nullptr;          // input 4
-  DD::Image::DeepOp* deep = nullptr;         // input 3 as a deep op
-  DD::Image::DeepOp* deepPreview = nullptr;  // the op connected on input 3, for the previews
+  DD::Image::Iop* source = nullptr;     // input 0, or the host's default op
+  DD::Image::Iop* mattes = nullptr;     // input 4
+  DD::Image::DeepOp* deep = nullptr;    // input 3 as a deep op (the graph's op holds no render data)
 };
 
 // What validation decides: the frame without its kernels.

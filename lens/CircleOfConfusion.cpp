@@ -1,5 +1,6 @@
 #include "lens/CircleOfConfusion.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -65,6 +66,13 @@ std::vector<float> computeSliceBoundaries(const NodeParameters& p) {
   for (int i = 1; i < n; ++i)
     boundaries.push_back(nearDepth + static_cast<float>(i) * step);
   return boundaries;
+}
+
+int kernelSizeLimit(int maxKernelSize, float proxyScale) {
+  if (proxyScale == 1.0f)
+    return maxKernelSize;
+  const float scaled = ceilf(static_cast<float>(maxKernelSize) * proxyScale);
+  return scaled >= 1.0f ? static_cast<int>(std::min(scaled, 2147483520.0f)) : 1;
 }
 
 float conditionFlatDepth(const NodeParameters& p, float value) {

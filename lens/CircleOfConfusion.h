@@ -21,6 +21,10 @@ float worldScaleFactor(int worldScale);
 // pixelsPerMillimetre, inverseHalfRegion, regionNear/Far, uiScale and lensConstant.
 void deriveLensValues(NodeParameters& p, int fullWidth, int fullHeight, float uiScale);
 
+// max_kernelsize at a proxy scale, at least 1: the cap on the CoC and the master kernel's size
+// shrink with the image.
+int kernelSizeLimit(int maxKernelSize, float proxyScale);
+
 // Non-finite samples become the far limit; the "1/z" style is inverted (0 or less = far limit).
 float conditionFlatDepth(const NodeParameters& p, float value);
 

@@ -8,6 +8,7 @@
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
+#include "lens/CircleOfConfusion.h"
 
 using DD::Image::Box;
 using DD::Image::Channel;
@@ -135,7 +136,7 @@ MasterKernelPart buildMasterKernelPart(const NodeParameters& p, const DD::Image:
   MasterKernelPart result;
   Kernel& master = result.kernel;
 
-  int base = p.max_kernelsize;
+  int base = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   if (filterShapeOutput)
     base = std::min(formatBox.r() - formatBox.x(), formatBox.t() - formatBox.y());
 

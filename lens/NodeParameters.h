@@ -5,7 +5,6 @@
 
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
-#include "DDImage/MetaData.h"
 
 namespace vorel {
 
@@ -72,7 +71,6 @@ struct NodeParameters {
   bool expandBBoxToMaxKernelSize = false;
   DD::Image::Channel depthChannel = DD::Image::Chan_Z;
   DD::Image::ChannelSet vorelChannels{DD::Image::Mask_RGBA};
-  DD::Image::MetaData::Bundle metadata;
 };
 
 }  // namespace vorel

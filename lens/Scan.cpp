@@ -108,13 +108,14 @@ void scanFlat(const NodeParameters& p, const Box& format, Iop& source, int& maxC
   repeatStep(rows.after, maxCoC, row(rows.high - 1));
 }
 
-void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int left, int right, int& maxCoC) {
+// False when the deep input reports the render aborted.
+bool scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int left, int right, int& maxCoC) {
   ChannelSet depths;
   depths += Chan_DeepFront;
   depths += Chan_DeepBack;
   DeepPlane plane;
   if (!deep.deepEngine(Box(left, y, right, y + 1), depths, plane))
-    return;
+    return false;
   const std::vector<float> noSlices;
   for (int x = left; x < right; ++x) {
     const DeepPixel pixel = plane.getPixel(y, x);
@@ -127,6 +128,7 @@ void scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int left, int rig
     if (c > maxCoC)
       maxCoC = c;
   }
+  return true;
 }
 
 // The deep window's pixels with samples, in the walk's order: those without add nothing, so only
@@ -138,7 +140,8 @@ void scanDeep(const NodeParameters& p, const Box& format, DeepOp& deep, int& max
     return;
   walked.intersect(data);
   for (int y = walked.y(); walked.r() > walked.x() && y < walked.t(); ++y)
-    scanDeepRow(p, deep, y, walked.x(), walked.r(), maxCoC);
+    if (!scanDeepRow(p, deep, y, walked.x(), walked.r(), maxCoC))
+      return;
 }
 
 }  // namespace
@@ -155,10 +158,12 @@ ScanResult scanMaxCoC(const NodeParameters& p, const Box& format, Iop* source, D
     }
   }
 
+  // At a proxy scale the cap shrinks with the image.
+  const int limit = kernelSizeLimit(p.max_kernelsize, p.uiScale);
   result.found = maxCoC;
-  if (maxCoC > p.max_kernelsize) {
+  if (maxCoC > limit) {
     result.capped = true;
-    maxCoC = p.max_kernelsize;
+    maxCoC = limit;
   }
   result.maxCoC = maxCoC;
   result.kernelRadius = kernelRadiusFor(maxCoC, true);

@@ -57,6 +57,17 @@ bool named(Knob* k, const char* name) {
 
 const char* const kCameraKnobs[] = {"focalPlane", "focalLength", "fStop", "apertureWidth", "apertureHeight"};
 
+// State rules: only enable/disable, never a value.
+void applyKnobStates(Op& op, const NodeParameters& p) {
+  setEnabled(op, "multiplier", !p.realWorldLens);
+  setEnabled(op, "focusRegionFalloff", !p.realWorldLens);
+  if (op.knob("apertureWidth") && op.knob("apertureHeight")) {
+    setEnabled(op, "apertureWidth", p.filmFormat == kCustomFilmFormat);
+    setEnabled(op, "apertureHeight", p.filmFormat == kCustomFilmFormat);
+  }
+  setEnabled(op, "depthSlicesNearAndFar", p.overrideNearAndFarForSlices);
+}
+
 // The panel, one tab at a time, in the order the host shows them.
 void vorelTab(Knob_Callback f, NodeParameters& p) {
   Tab_knob(f, "Vorel");
@@ -208,20 +219,29 @@ void tzVorel::knobs(Knob_Callback f) {
   kernelTab(f, p);
   correctiveSlicesTab(f, p);
 
-  // State rules: only enable/disable, never a value.
-  setEnabled(*this, "multiplier", !p.realWorldLens);
-  setEnabled(*this, "focusRegionFalloff", !p.realWorldLens);
-  if (knob("apertureWidth") && knob("apertureHeight")) {
-    setEnabled(*this, "apertureWidth", p.filmFormat == kCustomFilmFormat);
-    setEnabled(*this, "apertureHeight", p.filmFormat == kCustomFilmFormat);
-  }
-  setEnabled(*this, "depthSlicesNearAndFar", p.overrideNearAndFarForSlices);
+  applyKnobStates(*this, p);
 }
 
 int tzVorel::knob_changed(Knob* k) {
   if (!k)
     return Iop::knob_changed(k);
 
+  // A camera on input 2 takes over the five lens values, so their knobs are not to be edited.
+  if (k == &Knob::inputChange) {
+    const bool camera = dynamic_cast<CameraOp*>(node_input(2)) != nullptr;
+    for (const char* name : kCameraKnobs)
+      setEnabled(*this, name, !camera);
+    return 1;
+  }
+
+  // A panel made afresh shows the state of the knobs and of the inputs.
+  if (k == &Knob::showPanel) {
+    applyKnobStates(*this, params_);
+    knob_changed(&Knob::inputChange);
+    return 1;
+  }
+  // The film back itself is taken from the format at validation (a script sets filmFormat with
+  // no knob_changed); here the two knobs only show it.
   if (named(k, "filmFormat")) {
     Knob* width = knob("apertureWidth");
     Knob* height = knob("apertureHeight");
@@ -237,25 +257,16 @@ int tzVorel::knob_changed(Knob* k) {
       if (width) width->enable();
       if (height) height->enable();
     }
-    if (width) params_.apertureWidth = static_cast<float>(width->get_value(0));
-    if (height) params_.apertureHeight = static_cast<float>(height->get_value(0));
     return 1;
   }
   if (named(k, "realWorldLens")) {
-    setEnabled(*this, "multiplier", !params_.realWorldLens);
-    setEnabled(*this, "focusRegionFalloff", !params_.realWorldLens);
+    applyKnobStates(*this, params_);
     return 1;
   }
-  if (named(k, "overrideNearAndFarForSlices"))
-    setEnabled(*this, "depthSlicesNearAndFar", params_.overrideNearAndFarForSlices);
-  return Iop::knob_changed(k);
-}
-
-void tzVorel::set_input(int i, Op* op, int input, int offset) {
-  if (i == 2) {
-    const bool camera = dynamic_cast<CameraOp*>(op) != nullptr;
-    for (const char* name : kCameraKnobs)
-      setEnabled(*this, name, !camera);
+  // Non-zero for every knob handled here: 0 tells the host to stop calling for that knob.
+  if (named(k, "overrideNearAndFarForSlices")) {
+    applyKnobStates(*this, params_);
+    return 1;
   }
-  Iop::set_input(i, op, input, offset);
+  return Iop::knob_changed(k);
 }

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "DDImage/CameraOp.h"
 #include "DDImage/DeepOp.h"
-#include "DDImage/Interest.h"
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
+#include "DDImage/ddImageVersionNumbers.h"
 #include "engines/DeepSamples.h"
 #include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
@@ -23,7 +22,7 @@ using namespace vorel;
 
 namespace {
 
-Iop* build(Node* node) {
+Op* build(Node* node) {
   return new tzVorel(node);
 }
 
@@ -44,9 +43,27 @@ std::shared_ptr<Frame> setupOf(const Frame& from) {
   return frame;
 }
 
+// Hosts before 14 have only the old accessor names; 14 deprecates them and 18 drops them.
+void readCamera(const CameraOp& camera, NodeParameters& p) {
+#if kDDImageVersionMajorNum < 14
+  p.focalLength = static_cast<float>(camera.focal_length());
+  p.focalPlane = static_cast<float>(camera.focal_point());
+  p.fStop = static_cast<float>(camera.fstop());
+  p.apertureWidth = static_cast<float>(camera.film_width());
+  p.apertureHeight = static_cast<float>(camera.film_height());
+#else
+  p.focalLength = static_cast<float>(camera.focalLength());
+  p.focalPlane = static_cast<float>(camera.focusDistance());
+  p.fStop = static_cast<float>(camera.fStop());
+  p.apertureWidth = static_cast<float>(camera.horizontalAperture());
+  p.apertureHeight = static_cast<float>(camera.verticalAperture());
+#endif
+}
+
 }  // namespace
 
-const Iop::Description tzVorel::description("tzVorel", "Kestavian/tzVorel", build);
+// The host ignores a menu path given here; cmake/menu.py puts the node in a menu.
+const Iop::Description tzVorel::description("tzVorel", build);
 
 tzVorel::tzVorel(Node* node) : Iop(node), frame_(std::make_shared<const Frame>()) {
   inputs(5);
@@ -82,8 +99,9 @@ void tzVorel::append(Hash& hash) {
   hash.append(kVorelVersion[2]);
 }
 
-const MetaData::Bundle& tzVorel::_fetchMetaData(const char*) {
-  return params_.metadata;
+// Input 0's metadata goes on downstream, as the host's own nodes hand it on.
+const MetaData::Bundle& tzVorel::_fetchMetaData(const char* key) {
+  return Iop::_fetchMetaData(key);
 }
 
 void tzVorel::releaseKernels() {
@@ -101,12 +119,19 @@ Frame tzVorel::validatedFrame(bool for_real) {
   if (!node_input(1) && params_.kernelType == KernelInput)
     error("No input kernel connected!");
 
-  if (CameraOp* camera = dynamic_cast<CameraOp*>(node_input(2))) {
-    params_.focalLength = static_cast<float>(camera->focal_length());
-    params_.focalPlane = static_cast<float>(camera->focal_point());
-    params_.fStop = static_cast<float>(camera->fstop());
-    params_.apertureWidth = static_cast<float>(camera->film_width());
-    params_.apertureHeight = static_cast<float>(camera->film_height());
+  // A preset film format gives the film back (a camera, below, overrides it).
+  if (params_.filmFormat >= 0 && params_.filmFormat < kCustomFilmFormat) {
+    params_.apertureWidth = kFilmFormats[params_.filmFormat].width;
+    params_.apertureHeight = kFilmFormats[params_.filmFormat].height;
+  }
+
+  // node_input tells what is connected; the op holding the render's values is input(2), and a
+  // camera has its values only once it is validated.
+  if (node_input(2)) {
+    if (CameraOp* camera = dynamic_cast<CameraOp*>(Op::input(2))) {
+      camera->validate(for_real);
+      readCamera(*camera, params_);
+    }
   }
 
   copy_info();
@@ -136,17 +161,18 @@ Frame tzVorel::validatedFrame(bool for_real) {
     f.inputs.deep->validate(true);
   }
 
-  const int m = params_.max_kernelsize;
+  // At a proxy scale the cap on the blur shrinks with the image.
+  const float proxyScale = outputContext().scale_x();
+  const int m = kernelSizeLimit(params_.max_kernelsize, proxyScale);
+  // clipmove would keep a box that covers the format within it: pad really grows it.
   if (params_.expandBBoxToMaxKernelSize)
-    info_.clipmove(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
+    info_.pad(-(m / 2), -(m / 2), (m - 1) / 2, (m - 1) / 2);
 
   f.sliceBoundaries = frame_->sliceBoundaries;
   if (for_real) {
-    // The host's output context starts with its proxy scale; every CoC is multiplied by it.
-    float uiScale;
-    std::memcpy(&uiScale, &uiContext(), sizeof uiScale);
+    // The scale of the render, not of the panel (uiContext): every CoC is multiplied by it.
     const Format& full = info_.full_size_format();
-    deriveLensValues(params_, full.width(), full.height(), uiScale);
+    deriveLensValues(params_, full.width(), full.height(), proxyScale);
     f.sliceBoundaries = computeSliceBoundaries(params_);
   }
 
@@ -156,7 +182,6 @@ Frame tzVorel::validatedFrame(bool for_real) {
   f.box = info().box();
   f.inputs.source = input(0);
   f.inputs.mattes = input(4);
-  f.inputs.deepPreview = dynamic_cast<DeepOp*>(node_input(3, Op::OUTPUT_OP));
   f.maxCoC = m;
   f.kernelRadius = kernelRadiusFor(m, false);
   return f;
@@ -172,15 +197,27 @@ void tzVorel::_validate(bool for_real) {
 void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int count) {
   const Frame& f = *frame_;
   const NodeParameters& p = f.params;
-  const int K = f.kernelRadius;
-  const Box padded(x - K, y - K, r + K, t + K);
+  // The host clamps reads to what was requested, so ask for all that will be read: the rows reach
+  // as far as the radius the scan settles on, which is at most two more than this one, and the
+  // defocus outputs' _open reads the whole image.
+  const int K = f.kernelRadius + 2;
+  Box padded(x - K, y - K, r + K, t + K);
+  const bool defocus = p.outputType == OutputDefocusedImage || p.outputType == OutputLensBloom;
+  if (defocus) {
+    Box whole = f.format;
+    whole.merge(f.box);
+    padded.merge(Box(whole.x() - K, whole.y() - K, whole.r() + K, whole.t() + K));
+  }
+  // Every output row of the defocus reads 2K+1 rows of input 0, the mattes and the deep input;
+  // the host caches an input only when its count says it is read more than once.
+  const int reads = defocus ? count * (2 * K + 1) : count;
 
   if (node_input(0)) {
     ChannelSet wanted = channels;
     wanted += p.vorelChannels;
     wanted += p.depthChannel;
     wanted += Chan_Alpha;
-    input(0)->request(padded, wanted, count);
+    input(0)->request(padded, wanted, reads);
   }
   if (node_input(1)) {
     Iop* kernelImage = input(1);
@@ -188,7 +225,7 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
     kernelImage->request(box.x(), box.y(), box.r(), box.t(), p.vorelChannels, count);
   }
   if (node_input(4))
-    input(4)->request(padded, f.mattes.channels, count);
+    input(4)->request(padded, f.mattes.channels, reads);
   if (Op::input(3) && p.hasDeepInput) {
     if (DeepOp* deep = dynamic_cast<DeepOp*>(Op::input(3))) {
       if (!deep->op()->real_valid())
@@ -197,11 +234,29 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
       wanted += p.vorelChannels;
       ChannelSet deepChannels = deepPieceChannels(wanted);
       deepChannels &= deep->deepInfo().channels();
-      deep->deepRequest(padded, deepChannels, count);
+      deep->deepRequest(padded, deepChannels, reads);
     }
   }
+}
 
+void tzVorel::openInputs() {
+  for (int n : {0, 1, 4})
+    if (Iop* in = input(n))
+      in->open();
+  if (DeepOp* deep = frame_->inputs.deep)
+    deep->op()->open();
+}
+
+// The host opens once per invalidation, however many requests follow, so what _open built stays
+// until the next validation, invalidation or close.
+void tzVorel::_invalidate() {
   releaseKernels();
+  Iop::_invalidate();
+}
+
+void tzVorel::_close() {
+  releaseKernels();
+  Iop::_close();
 }
 
 // The defocus outputs: the master kernel, the scan, the bank and the tables, in this order.
@@ -223,6 +278,9 @@ void tzVorel::openDefocus(Frame& f) {
 }
 
 void tzVorel::_open() {
+  // _open runs under the host's global lock, and the workers below read the inputs: an input
+  // they had to open themselves would wait for that lock forever.
+  openInputs();
   std::shared_ptr<Frame> f = setupOf(*frame_);
   switch (f->params.outputType) {
     case OutputFilterShape: {
@@ -269,16 +327,11 @@ void unrenderedRow(Iop& input, int y, int x, int r, const ChannelSet& channels,
 
 void tzVorel::engine(int y, int x, int r, ChannelMask channels, Row& row) {
   const Frame& f = *frame_;
-  ChannelSet fetchChannels = channels;
-  fetchChannels += f.params.vorelChannels;
-  fetchChannels += f.params.depthChannel;
-  fetchChannels += Chan_Alpha;
-
   if (aborted())
     return;
 
+  // No Interest here: the host would lock the whole requested area of input 0 for every row.
   Iop& source = *input(0);
-  Interest interest(source, fetchChannels, false, nullptr);
 
   if (!frameHasWhatRowsNeed(f)) {
     unrenderedRow(source, y, x, r, channels, f.params.vorelChannels, row);

@@ -29,7 +29,6 @@ public:
   void knobs(DD::Image::Knob_Callback f) override;
   int knob_changed(DD::Image::Knob* k) override;
   bool test_input(int input, DD::Image::Op* op) const override;
-  void set_input(int i, DD::Image::Op* op, int input, int offset) override;
   void append(DD::Image::Hash& hash) override;
   DD::Image::Op* default_input(int input) const override;
   const char* node_help() const override;
@@ -37,8 +36,11 @@ public:
   const char* Class() const override;
   void engine(int y, int x, int r, DD::Image::ChannelMask channels, DD::Image::Row& row) override;
   void _request(int x, int y, int r, int t, DD::Image::ChannelMask channels, int count) override;
+  void _invalidate() override;
+  void _close() override;
 
-  static const DD::Image::Iop::Description description;
+  // The plug-in's one exported symbol: the host finds the class through it.
+  __attribute__((visibility("default"))) static const DD::Image::Iop::Description description;
 
   // What the rows of the current frame read: the setup of the last _validate, with the kernels
   // and tables of the last _open until they are released. Never null.
@@ -47,6 +49,8 @@ public:
 private:
   vorel::Frame validatedFrame(bool for_real);
   void openDefocus(vorel::Frame& frame);
+  // Opens every input _open's workers read.
+  void openInputs();
   // The one place where a frame's kernels and tables go: the frame keeps its setup.
   void releaseKernels();
 

@@ -26,12 +26,12 @@ float previewValue(const Frame& frame, float depth, Channel c) {
 }
 
 // Columns [x, r) of the colour planes from the deep row at y, front to back over each pixel's
-// combined samples; what no sample covers shows the far limit.
-void previewDeepRow(const Frame& frame, DeepOp& deep, int y, int x, int r, const ChannelSet& colourSet,
+// combined samples; what no sample covers shows the far limit. False when the render is aborted.
+bool previewDeepRow(const Frame& frame, DeepOp& deep, int y, int x, int r, const ChannelSet& colourSet,
                     float* const planes[4]) {
   DeepPlane plane;
   if (!deep.deepEngine(Box(x, y, r, y + 1), deepPieceChannels(frame.params.vorelChannels), plane))
-    return;
+    return false;
   const Channel depthOfSample = sampleDepthChannel(frame.params.depthChannel);
   const Box box = plane.box();
   const ChannelMap& map = plane.channels();
@@ -63,6 +63,7 @@ void previewDeepRow(const Frame& frame, DeepOp& deep, int y, int x, int r, const
         out += (1.0f - covered) * farValue[c];
     }
   }
+  return true;
 }
 
 }  // namespace
@@ -84,8 +85,10 @@ void deepPreviewRow(const Frame& frame, int y, int x, int r, const ChannelSet& c
       planes[c][X] = 0.0f;
   }
 
-  if (frame.inputs.deepPreview && !colourSet.empty())
-    previewDeepRow(frame, *frame.inputs.deepPreview, y, x, r, colourSet, planes);
+  // false means the render is aborted: the row is left unfinished.
+  if (frame.inputs.deep && !colourSet.empty() &&
+      !previewDeepRow(frame, *frame.inputs.deep, y, x, r, colourSet, planes))
+    return;
 
   Iop* input = frame.inputs.source;
   if (!passThrough.empty() && input) {

@@ -141,8 +141,7 @@ TEST(Panel, FilmFormatFillsAndLocksTheFilmBack) {
 
   EXPECT_EQ(node->knob_changed(node->knob("filmFormat")), 1);
   EXPECT_EQ(node->knob_changed(node->knob("realWorldLens")), 1);
-  EXPECT_EQ(node->knob_changed(node->knob("overrideNearAndFarForSlices")),
-            node->Iop::knob_changed(node->knob("overrideNearAndFarForSlices")));
+  EXPECT_EQ(node->knob_changed(node->knob("overrideNearAndFarForSlices")), 1);
 }
 
 TEST(Panel, RealLensAndOverrideSwitches) {
@@ -288,9 +287,11 @@ TEST(Request, InputsAreAskedForThePaddedArea) {
 
   ASSERT_EQ(host::requests(*flat).size(), 1u);
   const host::Request& in = host::requests(*flat)[0];
-  EXPECT_EQ(in.area, Box(0, 2, 40, 50));
+  // Padded by the radius the scan may settle on (10 + 2), and for the defocus the whole image as
+  // well; each output row reads 2 * 12 + 1 input rows.
+  EXPECT_EQ(in.area, Box(-12, -12, 76, 76));
   EXPECT_TRUE(in.channels == rgbaz());
-  EXPECT_EQ(in.count, 3);
+  EXPECT_EQ(in.count, 75);
   // The kernel image is asked for whole, even for the circular kernel.
   ASSERT_EQ(host::requests(*kernel).size(), 1u);
   EXPECT_EQ(host::requests(*kernel)[0].area, Box(0, 0, 9, 7));
@@ -318,7 +319,7 @@ TEST(Request, DeepInputGetsItsOwnChannels) {
   expected += Chan_DeepFront;
   expected += Chan_DeepBack;
   EXPECT_TRUE(host::deepRequests(deep)[0].channels == expected);
-  EXPECT_EQ(host::deepRequests(deep)[0].area, Box(-4, -4, 20, 20));
+  EXPECT_EQ(host::deepRequests(deep)[0].area, Box(-6, -6, 22, 22));
 }
 
 TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
@@ -326,7 +327,8 @@ TEST(RowGuard, RowsWithoutKernelsAreInputWithEffectChannelsZero) {
   auto flat = depthImage(16, 4, 1.0f);
   host::connect(*node, 0, flat.get());
   host::prepare(*node, Box(0, 0, 16, 4), rgbaz());
-  node->request(0, 0, 16, 4, rgbaz(), 1);  // drops the kernels again
+  node->invalidate();  // drops the kernels again
+  node->validate(true);
   Row row(0, 16);
   node->engine(1, 0, 16, rgbaz(), row);
   for (int x = 0; x < 16; ++x) {

@@ -16,6 +16,54 @@ namespace Image {
 // The host's back door into ops: knob lists, reports and request records.
 struct host::Access {
   static std::vector<Knob*>& knobs(Op& op) { return op.knobs_; }
+  static void setGraphInput(Op& op, int i, Op* graphOp) {
+    if (i >= static_cast<int>(op.graphInputs_.size()))
+      op.graphInputs_.resize(static_cast<std::size_t>(i) + 1, nullptr);
+    op.graphInputs_[static_cast<std::size_t>(i)] = graphOp;
+  }
+  static void noteRequest(Op& op, const Box& area) {
+    if (area.empty())
+      return;
+    if (op.requestedAny_)
+      op.requestedArea_.merge(area);
+    else
+      op.requestedArea_ = area;
+    op.requestedAny_ = true;
+  }
+  // The area rows can be read from: the op's box, within what was asked of it. An op nobody
+  // asked anything of (driven directly, outside the protocol) reads its whole box.
+  static Box readableArea(const Iop& op) {
+    const Box& box = op.info().box();
+    if (!op.requestedAny_ || box.empty())
+      return box;
+    Box area = box;
+    area.intersect(op.requestedArea_);
+    return area.empty() ? box : area;
+  }
+  static Box requestedArea(const Op& op) { return op.requestedAny_ ? op.requestedArea_ : Box(); }
+  static bool anyRequested(const Op& op) { return op.requestedAny_; }
+  static void noteInterest(Op& op) { ++op.interests_; }
+  // Counts a read of pixels inside box that lie outside what was asked of op; the real host
+  // would have given the nearest requested pixels instead.
+  static void noteRead(Op& op, const Box& box, Box read) {
+    if (!op.requestedAny_)
+      return;
+    read.intersect(box);
+    if (read.empty())
+      return;
+    Box inside = read;
+    inside.intersect(op.requestedArea_);
+    if (inside != read)
+      ++op.unrequestedReads_;
+  }
+  static int unrequestedReads(const Op& op) { return op.unrequestedReads_.load(); }
+  static int interests(const Op& op) { return op.interests_.load(); }
+  static std::vector<const Knob*>& quietKnobs(Op& op) { return op.quietKnobs_; }
+  static void setInput(Op& op, int i, Op* source) {
+    if (i >= op.inputs())
+      op.inputs_.resize(static_cast<std::size_t>(i) + 1, nullptr);
+    op.inputs_[static_cast<std::size_t>(i)] = source;
+  }
   static const std::vector<Knob*>& knobs(const Op& op) { return op.knobs_; }
   static std::mutex& reportMutex(const Op& op) { return op.reportMutex_; }
   static bool hasError(const Op& op) { return op.hasError_; }

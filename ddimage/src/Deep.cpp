@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "Access.h"
 #include "DDImage/DeepComposite.h"
 #include "DDImage/DeepOp.h"
 #include "DDImage/DeepPixel.h"
@@ -14,13 +15,22 @@ namespace Image {
 DeepOp::~DeepOp() = default;
 
 void DeepOp::deepRequest(Box box, const ChannelSet& channels, int count) {
-  if (Op* o = op())
+  if (Op* o = op()) {
     o->validate(true);
+    host::Access::noteRequest(*o, box);
+  }
   deepRequests_.push_back(host::Request{box, channels, count});
   getDeepRequests(box, channels, count);
 }
 
 void DeepOp::getDeepRequests(Box, const ChannelSet&, int) {}
+
+bool DeepOp::deepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) {
+  Op* o = op();
+  if (o && !o->opened())
+    o->open();
+  return doDeepEngine(box, channels, plane);
+}
 
 // ---- DeepPixel / DeepOutPixel ----------------------------------------------------------------------
 
@@ -62,7 +72,7 @@ void DeepPlane::reset(const Box& box, const ChannelSet& channels) {
     box_.r(box_.x());
   if (box_.t() < box_.y())
     box_.t(box_.y());
-  if (!(map_.channelSet() == channels) || map_.size() != channels.size())
+  if (!(static_cast<const ChannelSet&>(map_) == channels) || map_.size() != channels.size())
     map_ = ChannelMap(channels);
   data_.clear();
   firstSample_.clear();

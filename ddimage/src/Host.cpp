@@ -41,12 +41,16 @@ std::unique_ptr<Op> create(const char* className) {
   return op;
 }
 
-bool connect(Op& op, int i, Op* source) {
+bool connect(Op& op, int i, Op* source) { return connect(op, i, source, nullptr); }
+
+bool connect(Op& op, int i, Op* source, Op* graphOp) {
   if (i < 0 || i >= std::max(op.inputs(), op.maximum_inputs()))
     return false;
   if (source && !op.test_input(i, source))
     return false;
-  op.set_input(i, source, 0, 0);
+  Access::setInput(op, i, source);
+  Access::setGraphInput(op, i, graphOp);
+  knobChanged(op, &Knob::inputChange);
   op.invalidate();
   return true;
 }
@@ -90,6 +94,10 @@ void setAborted(Op& op, bool aborted) { Access::setAborted(op, aborted); }
 
 // ---- requests -----------------------------------------------------------------------------------
 
+Box requestedArea(const Op& op) { return Access::requestedArea(op); }
+int interests(const Op& op) { return Access::interests(op); }
+int unrequestedReads(const Op& op) { return Access::unrequestedReads(op); }
+
 const std::vector<Request>& requests(const Iop& op) { return Access::requests(op); }
 void clearRequests(Iop& op) { Access::requests(op).clear(); }
 const std::vector<Request>& deepRequests(const DeepOp& op) { return Access::deepRequests(op); }
@@ -102,6 +110,7 @@ void makeKnobs(Op& op) {
   for (Knob* k : list)
     delete k;
   list.clear();
+  Access::quietKnobs(op).clear();
   Knob_Closure f(op, true);
   op.knobs(f);
 }
@@ -113,13 +122,33 @@ void storeKnobs(Op& op) {
 
 const std::vector<Knob*>& knobs(const Op& op) { return Access::knobs(op); }
 
+int knobChanged(Op& op, Knob* k) {
+  std::vector<const Knob*>& quiet = Access::quietKnobs(op);
+  if (std::find(quiet.begin(), quiet.end(), k) != quiet.end())
+    return 0;
+  const int handled = op.knob_changed(k);
+  if (!handled)
+    quiet.push_back(k);
+  return handled;
+}
+
+int showPanel(Op& op) { return knobChanged(op, &Knob::showPanel); }
+
+bool loadKnob(Op& op, const char* knobName, double value, int channel) {
+  Knob* k = op.knob(knobName);
+  if (!k || !k->set_value(value, channel))
+    return false;
+  op.invalidate();
+  return true;
+}
+
 namespace {
 template <class Set>
 bool edit(Op& op, const char* knobName, Set set) {
   Knob* k = op.knob(knobName);
   if (!k || !set(*k))
     return false;
-  op.knob_changed(k);
+  knobChanged(op, k);
   op.invalidate();
   return true;
 }
@@ -327,9 +356,25 @@ void DeepImage::finish() {
 }
 
 bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) {
+  ++engineCalls_;
   if (engineFails_)
     return false;
-  plane.reset(normalized(box), channels);
+  Access::noteRead(*this, box_, box);
+  // As real deep ops may: whole rows of the image and every channel it has, not just what was
+  // asked for. Samples exist only where they were requested.
+  Box planeBox = normalized(box);
+  if (!planeBox.empty() && !box_.empty()) {
+    planeBox.x(std::min(planeBox.x(), box_.x()));
+    planeBox.r(std::max(planeBox.r(), box_.r()));
+  }
+  ChannelSet planeChannels = channels;
+  planeChannels += channels_;
+  plane.reset(planeBox, planeChannels);
+  Box readable = box_;
+  if (Access::anyRequested(*this))
+    readable.intersect(Access::requestedArea(*this));
+  if (readable.empty())
+    readable = Box();
   const Box& b = plane.box();
   const ChannelMap& map = plane.channels();
   const std::size_t nm = map.size(), nch = channelList_.size();
@@ -342,7 +387,9 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
   }
 
   Box inside = b;
-  inside.intersect(box_);
+  inside.intersect(readable);
+  if (inside.empty())
+    inside = Box();
   std::size_t total = 0;
   for (int y = inside.y(); y < inside.t(); ++y) {
     const std::size_t row = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w());
@@ -353,7 +400,7 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
 
   for (int y = b.y(); y < b.t(); ++y) {
     for (int x = b.x(); x < b.r(); ++x) {
-      if (x < box_.x() || x >= box_.r() || y < box_.y() || y >= box_.t()) {
+      if (x < inside.x() || x >= inside.r() || y < inside.y() || y >= inside.t()) {
         plane.addPixel(0);
         continue;
       }

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <mutex>
 
+#include "Access.h"
 #include "DDImage/Host.h"
+#include "DDImage/Interest.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
 
@@ -69,7 +71,7 @@ Iop::~Iop() = default;
 void Iop::request(int x, int y, int r, int t, ChannelMask channels, int count) {
   validate(true);
   requests_.push_back(host::Request{Box(x, y, r, t), channels, count});
-  forgetOpen();
+  host::Access::noteRequest(*this, Box(x, y, r, t));
   _request(x, y, r, t, channels, count);
 }
 
@@ -101,11 +103,15 @@ void Iop::get(int y, int x, int r, ChannelMask channels, Row& row) {
   r = std::min(r, row.getRight());
   if (r <= x)
     return;
+  if (!opened())
+    open();
   ChannelSet have = channels;
   have &= info_.channels();
   ChannelSet missing = channels;
   missing -= have;
-  const Box& b = info_.box();
+  // Only what was asked for is there to read: the rest repeats the edge of that area.
+  host::Access::noteRead(*this, info_.box(), Box(x, y, r, y + 1));
+  const Box b = host::Access::readableArea(*this);
   if (b.empty()) {
     zeroSpan(row, channels, x, r);
     return;
@@ -136,6 +142,10 @@ void Iop::get(int y, int x, int r, ChannelMask channels, Row& row) {
     }
   }
   zeroSpan(row, missing, x, r);
+}
+
+Interest::Interest(Iop& iop, ChannelMask, bool, InterestRatchet*) : iop_(&iop) {
+  host::Access::noteInterest(iop);
 }
 
 float Iop::at(int x, int y, Channel z) {

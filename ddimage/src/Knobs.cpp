@@ -13,6 +13,16 @@ namespace Image {
 
 // ---- Knob ---------------------------------------------------------------------------------------
 
+namespace {
+Knob gShowPanel(nullptr, 0, Custom, nullptr, "showPanel", "");
+Knob gHidePanel(nullptr, 0, Custom, nullptr, "hidePanel", "");
+Knob gInputChange(nullptr, 0, Custom, nullptr, "inputChange", "");
+}  // namespace
+
+Knob& Knob::showPanel = gShowPanel;
+Knob& Knob::hidePanel = gHidePanel;
+Knob& Knob::inputChange = gInputChange;
+
 Knob::Knob(Op* op, int kind, StoreType store, void* field, const char* name, const char* label)
     : op_(op), kind_(kind), store_(store), field_(field), name_(name ? name : ""),
       label_(label ? label : (name ? name : "")) {}

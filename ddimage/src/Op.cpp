@@ -3,6 +3,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <string>
 
 #include "DDImage/Hash.h"
@@ -54,20 +55,18 @@ std::string vformat(const char* fmt, va_list args) {
 
 // ---- Description ------------------------------------------------------------------------------
 
-Op::Description::Description(const char* n, const char* m, IopConstructor constructor)
-    : name(n), menu(m), iopConstructor_(constructor) {
+Op::Description::Description(const char* n, OpConstructor constructor, License*)
+    : name(n), menu(nullptr), constructor_(constructor) {
   enroll(this);
 }
 
-Op::Description::Description(const char* n, OpConstructor constructor, License*)
-    : name(n), menu(nullptr), opConstructor_(constructor) {
+Op::Description::Description(const char* n, const char* m, OpConstructor constructor)
+    : name(n), menu(m), constructor_(constructor) {
   enroll(this);
 }
 
 Op* Op::Description::build(Node* node) const {
-  if (iopConstructor_)
-    return iopConstructor_(node);
-  return opConstructor_ ? opConstructor_(node) : nullptr;
+  return constructor_ ? constructor_(node) : nullptr;
 }
 
 const Op::Description* Op::Description::find(const char* n) {
@@ -114,7 +113,10 @@ Op* Op::input(int n) const {
 Op* Op::node_input(int n, GenerateType) const {
   if (n < 0 || n >= inputs())
     return nullptr;
-  return inputs_[static_cast<std::size_t>(n)];
+  const std::size_t i = static_cast<std::size_t>(n);
+  if (i < graphInputs_.size() && graphInputs_[i] && inputs_[i])
+    return graphInputs_[i];
+  return inputs_[i];
 }
 
 void Op::set_input(int i, Op* op, int, int) {
@@ -140,9 +142,11 @@ std::string Op::input_longlabel(int n) const {
 
 void Op::append(Hash&) {}
 
-const MetaData::Bundle& Op::_fetchMetaData(const char*) {
+// What the host's own ops do: hand on input 0's metadata.
+const MetaData::Bundle& Op::_fetchMetaData(const char* key) {
   static const MetaData::Bundle empty;
-  return empty;
+  Op* in = input(0);
+  return in && in != this ? in->fetchMetaData(key) : empty;
 }
 
 void Op::knobs(Knob_Callback) {}
@@ -165,6 +169,9 @@ void Op::validate(bool for_real) {
     hasError_ = false;
     error_.clear();
     warnings_.clear();
+    if (abortedByError_)
+      aborted_.store(false);
+    abortedByError_ = false;
   }
   opened_ = false;
   _validate(for_real);
@@ -173,12 +180,41 @@ void Op::validate(bool for_real) {
     realValid_ = true;
 }
 
+namespace {
+
+// The host's one lock around every _open, and the thread inside one.
+std::recursive_mutex& hostLock() {
+  static std::recursive_mutex lock;
+  return lock;
+}
+std::atomic<std::thread::id> gOpeningThread{std::thread::id()};
+
+}  // namespace
+
 void Op::open() {
-  validate(true);
-  if (opened_)
+  if (opened())
     return;
-  _open();
-  opened_ = true;
+  const std::thread::id self = std::this_thread::get_id();
+  const std::thread::id opening = gOpeningThread.load();
+  if (opening != std::thread::id() && opening != self) {
+    // The real host would block here on its lock, held by a thread that waits for this one.
+    error("opened from a worker thread while another op's _open held the host's lock");
+    return;
+  }
+  std::lock_guard<std::recursive_mutex> lock(hostLock());
+  validate(true);
+  if (opened())
+    return;
+  const std::thread::id outer = gOpeningThread.exchange(self);
+  bool failed;
+  {
+    std::lock_guard<std::mutex> reports(reportMutex_);
+    failed = hasError_;
+  }
+  if (!failed)
+    _open();
+  gOpeningThread.store(outer);
+  opened_.store(true, std::memory_order_release);
 }
 
 void Op::close() {
@@ -187,14 +223,19 @@ void Op::close() {
 }
 
 bool Op::invalidate() {
-  const bool was = valid_ || realValid_ || opened_;
-  valid_ = realValid_ = opened_ = false;
+  const bool was = valid_ || realValid_ || opened();
+  valid_ = realValid_ = false;
+  opened_ = false;
+  requestedAny_ = false;
+  requestedArea_ = Box();
+  _invalidate();
   return was;
 }
 
 void Op::_validate(bool) {}
 void Op::_open() {}
 void Op::_close() {}
+void Op::_invalidate() {}
 
 void Op::error(const char* fmt, ...) {
   va_list args;
@@ -204,6 +245,10 @@ void Op::error(const char* fmt, ...) {
   std::lock_guard<std::mutex> lock(reportMutex_);
   hasError_ = true;
   error_ = std::move(text);
+  if (!aborted_.load()) {
+    aborted_.store(true);
+    abortedByError_ = true;
+  }
 }
 
 void Op::warning(const char* fmt, ...) {

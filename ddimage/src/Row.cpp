@@ -1,5 +1,8 @@
 #include <algorithm>
+#include <atomic>
+#include <limits>
 
+#include "DDImage/Host.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
 
@@ -13,7 +16,11 @@ namespace {
 constexpr int kSharedZeros = 1 << 16;
 const float gZeros[kSharedZeros] = {};
 
+std::atomic<bool> gFreshRowsNaN{false};
+
 }  // namespace
+
+void host::setFreshRowsNaN(bool on) { gFreshRowsNaN.store(on); }
 
 Row::Row(int x, int r) : x_(x), r_(r < x ? x : r), slots_(inline_) {}
 
@@ -43,7 +50,10 @@ Row::Slot* Row::add(int z) {
   }
   Slot& s = slots_[used_++];
   s.channel = z;
-  s.buffer = new float[static_cast<std::size_t>(r_ - x_) + 1]();
+  const std::size_t w = static_cast<std::size_t>(r_ - x_) + 1;
+  s.buffer = new float[w]();
+  if (gFreshRowsNaN.load(std::memory_order_relaxed))
+    std::fill(s.buffer, s.buffer + w, std::numeric_limits<float>::quiet_NaN());
   return &s;
 }
 

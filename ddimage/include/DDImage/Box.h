@@ -44,8 +44,14 @@ public:
     if (t_ < y_) t_ = y_;
   }
   void intersect(int x, int y, int r, int t) { intersect(Box(x, y, r, t)); }
-  void pad(int d) { pad(d, d); }
-  void pad(int dx, int dy) { x_ -= dx; y_ -= dy; r_ += dx; t_ += dy; }
+  // Moves the four edges by the deltas (negative dx, dy grow the box), except in a direction in
+  // which the box is at most one pixel: its value is constant that way.
+  void pad(int dx, int dy, int dr, int dt) {
+    if (r_ > x_ + 1) { x_ += dx; r_ += dr; }
+    if (t_ > y_ + 1) { y_ += dy; t_ += dt; }
+  }
+  void pad(int dx, int dy) { pad(-dx, -dy, dx, dy); }
+  void pad(int d) { pad(-d, -d, d, d); }
   void move(int dx, int dy) { x_ += dx; y_ += dy; r_ += dx; t_ += dy; }
 
   // The nearest column / row inside the box (of a non-empty box).

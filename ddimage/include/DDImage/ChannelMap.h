@@ -25,7 +25,7 @@ public:
     return -1;
   }
   Channel operator[](unsigned index) const { return index < list_.size() ? list_[index] : Chan_Black; }
-  const ChannelSet& channelSet() const { return set_; }
+  operator const ChannelSet&() const { return set_; }  // NOLINT: implicit as in the SDK
   std::vector<Channel>::const_iterator begin() const { return list_.begin(); }
   std::vector<Channel>::const_iterator end() const { return list_.end(); }
 

@@ -6,6 +6,8 @@
 namespace DD {
 namespace Image {
 
+class DeepOutPixel;  // DDImage/DeepPlane.h
+
 // Merges overlapping samples. Walking the samples nearest first, a sample whose front lies
 // strictly before the running back of the current group joins it; a group becomes one sample
 // (least front, greatest back, the other channels composited nearer over farther). out is

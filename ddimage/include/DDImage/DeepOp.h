@@ -22,10 +22,9 @@ public:
   void validate(bool for_real) { op()->validate(for_real); }
   // Asks for an area and channels ahead of deepEngine calls.
   void deepRequest(Box box, const ChannelSet& channels, int count = 1);
-  // Fills plane with the area's samples. False when the samples cannot be made.
-  bool deepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) {
-    return doDeepEngine(box, channels, plane);
-  }
+  // Fills plane with samples of at least the area and channels asked for: the plane may be
+  // larger, hold more channels, or be empty. False means the render was aborted.
+  bool deepEngine(Box box, const ChannelSet& channels, DeepPlane& plane);
 
 protected:
   DeepOp() = default;

@@ -1,5 +1,5 @@
 #pragma once
-// A view of one deep pixel's samples, and a buffer to build samples in.
+// A view of one deep pixel's samples.
 //
 // The "ordered" view runs from far to near: a plane keeps a pixel's samples sorted by front
 // ascending (ties by back ascending), and getOrderedSample(i) on n samples reads sorted sample
@@ -65,25 +65,6 @@ private:
   std::shared_ptr<const std::vector<std::size_t>> order_;
 };
 
-class DeepOutPixel {
-public:
-  void push_back(float v) { data_.push_back(v); }
-  void reserve(std::size_t n) { data_.reserve(n); }
-  void clear() { data_.clear(); }
-  std::size_t size() const { return data_.size(); }
-  bool empty() const { return data_.empty(); }
-  const float* data() const { return data_.data(); }
-  float* data() { return data_.data(); }
-  float operator[](std::size_t i) const { return data_[i]; }
-
-  // A view of the pushed samples (channels in the map's order). eZDescending: they were pushed
-  // far first, so index 0 is the first pushed. eZAscending: pushed near first, index 0 is the
-  // last pushed. eUnordered: sorted here by front and back.
-  DeepPixel getPixel(const ChannelMap& map, DeepPixel::Ordering ordering) const;
-
-private:
-  std::vector<float> data_;
-};
 
 }  // namespace Image
 }  // namespace DD

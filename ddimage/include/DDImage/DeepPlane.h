@@ -12,6 +12,27 @@
 namespace DD {
 namespace Image {
 
+// A buffer to build one pixel's samples in.
+class DeepOutPixel {
+public:
+  void push_back(float v) { data_.push_back(v); }
+  void reserve(std::size_t n) { data_.reserve(n); }
+  void clear() { data_.clear(); }
+  std::size_t size() const { return data_.size(); }
+  bool empty() const { return data_.empty(); }
+  const float* data() const { return data_.data(); }
+  float* data() { return data_.data(); }
+  float operator[](std::size_t i) const { return data_[i]; }
+
+  // A view of the pushed samples (channels in the map's order). eZDescending: they were pushed
+  // far first, so index 0 is the first pushed. eZAscending: pushed near first, index 0 is the
+  // last pushed. eUnordered: sorted here by front and back.
+  DeepPixel getPixel(const ChannelMap& map, DeepPixel::Ordering ordering) const;
+
+private:
+  std::vector<float> data_;
+};
+
 class DeepPlane {
 public:
   DeepPlane() = default;

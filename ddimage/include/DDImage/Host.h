@@ -3,6 +3,7 @@
 // by class name, running the call protocol, and reading back what ops recorded (reports,
 // requests, knobs). Tests and the command-line renderer use this; the node never does.
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <initializer_list>
@@ -19,6 +20,7 @@
 #include "DDImage/HostRecords.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Knob.h"
+#include "DDImage/MetaData.h"
 #include "DDImage/Op.h"
 #include "DDImage/Row.h"
 
@@ -31,9 +33,13 @@ namespace host {
 // Builds an op of a registered class and runs a make pass of its knobs. Null for an unknown
 // class. (The class's object file must be linked in for its Description to register.)
 std::unique_ptr<Op> create(const char* className);
-// Connects source to input i of op (set_input(i, source, 0, 0)) and invalidates the op. Refused
-// (false, nothing changed) when i is out of range or test_input says no. Null disconnects.
+// Connects source to input i of op, tells the op through knob_changed(&Knob::inputChange) and
+// invalidates it. Refused (false, nothing changed) when i is out of range or test_input says no.
+// Null disconnects.
 bool connect(Op& op, int i, Op* source);
+// The same, with graphOp as what node_input(i) gives: in the real host that is the op of the
+// graph, while input(i) is the one that holds the render's data.
+bool connect(Op& op, int i, Op* source, Op* graphOp);
 // The host's call protocol up to rows: validate(true), request(area, channels, 1), open().
 // Rows then come from op.engine(y, x, r, channels, row), from any number of threads.
 void prepare(Iop& op, const Box& area, const ChannelSet& channels);
@@ -44,6 +50,10 @@ void prepare(Iop& op);
 void setDefaultFormat(const Format& format);
 Format defaultFormat();
 
+// The real host does not clear a row's new buffers. On, every buffer Row::writable makes is
+// filled with NaN, so code that counts on zeros shows; off (the start), they are zeroed.
+void setFreshRowsNaN(bool on);
+
 // ---- reports and abort ----------------------------------------------------------------------
 
 bool hasError(const Op& op);
@@ -53,6 +63,13 @@ void clearReports(Op& op);
 void setAborted(Op& op, bool aborted);
 
 // ---- requests ---------------------------------------------------------------------------------
+
+// The union of the areas asked of op since it was last invalidated (empty if none).
+Box requestedArea(const Op& op);
+// How many Interests were taken on op.
+int interests(const Op& op);
+// How many reads (a row span, a deep area) took pixels of op's box that were never requested.
+int unrequestedReads(const Op& op);
 
 // Every Iop::request made of op, in order, since the last clear.
 const std::vector<Request>& requests(const Iop& op);
@@ -69,6 +86,13 @@ void makeKnobs(Op& op);
 void storeKnobs(Op& op);
 // The op's knobs in the order they were made.
 const std::vector<Knob*>& knobs(const Op& op);
+// Calls op.knob_changed(k) unless op answered 0 for k before: the host then stops calling it
+// for that knob. Gives what knob_changed gave, or 0 when it was not called.
+int knobChanged(Op& op, Knob* k);
+// The op's panel opens: knob_changed(&Knob::showPanel).
+int showPanel(Op& op);
+// A value read from a saved script: set_value and invalidate, with no knob_changed.
+bool loadKnob(Op& op, const char* knobName, double value, int channel = -1);
 // A user edit: set_value (clamped by FORCE_RANGE), then knob_changed, then invalidate.
 // False, and nothing done, for an unknown knob or a value the knob refuses.
 bool userEdit(Op& op, const char* knobName, double value, int channel = -1);
@@ -104,6 +128,9 @@ public:
   const char* Class() const override { return "HostFlatImage"; }
   const char* node_help() const override { return "in-memory flat image"; }
   void engine(int y, int x, int r, ChannelMask channels, Row& row) override;
+  // What the image hands on as its metadata, as a file reader does.
+  MetaData::Bundle& metadata() { return metadata_; }
+  const MetaData::Bundle& _fetchMetaData(const char*) override { return metadata_; }
 
 protected:
   void _validate(bool for_real) override;
@@ -113,6 +140,7 @@ private:
   Box box_;
   ChannelSet channels_;
   std::vector<std::vector<float>> planes_;  // indexed by channel number; empty when missing
+  MetaData::Bundle metadata_;
 };
 
 // A deep image. Add samples, then validate (or finish) before reading: that packs and sorts them.
@@ -130,8 +158,11 @@ public:
   void finish();
   ChannelSet channels() const { return channels_; }
   std::size_t sampleCount(int x, int y) const;
-  // Makes deepEngine return false (to test a failed fetch).
+  // Makes deepEngine return false, as an aborted render does.
   void setEngineFails(bool fails) { engineFails_ = fails; }
+  // How often deepEngine was called, since construction or the last reset.
+  int engineCalls() const { return engineCalls_.load(); }
+  void resetEngineCalls() { engineCalls_ = 0; }
 
   const char* Class() const override { return "HostDeepImage"; }
   const char* node_help() const override { return "in-memory deep image"; }
@@ -149,6 +180,7 @@ private:
   std::vector<Channel> channelList_;
   int frontSlot_ = 0, backSlot_ = 0;
   bool engineFails_ = false;
+  std::atomic<int> engineCalls_{0};
   bool dirty_ = false;
   std::vector<std::size_t> stagedPixel_;  // samples added since the last finish: box pixel
   std::vector<float> stagedData_;          // and values
@@ -156,18 +188,31 @@ private:
   std::vector<std::size_t> firstSample_;   // per box pixel, then the total
 };
 
-// A camera whose five values are set directly.
+// A camera whose five values are set as its knobs would be: like a real camera, it shows them
+// only once it has been validated.
 class Camera : public CameraOp {
 public:
   Camera() : CameraOp(nullptr) {}
-  void setFocalLength(double v) { focalLength_ = v; }
-  void setFilmWidth(double v) { filmWidth_ = v; }
-  void setFilmHeight(double v) { filmHeight_ = v; }
-  void setFocalPoint(double v) { focalPoint_ = v; }
-  void setFstop(double v) { fstop_ = v; }
+  void setFocalLength(double v) { knobs_[0] = v; invalidate(); }
+  void setFilmWidth(double v) { knobs_[1] = v; invalidate(); }
+  void setFilmHeight(double v) { knobs_[2] = v; invalidate(); }
+  void setFocalPoint(double v) { knobs_[3] = v; invalidate(); }
+  void setFstop(double v) { knobs_[4] = v; invalidate(); }
 
   const char* Class() const override { return "HostCamera"; }
   const char* node_help() const override { return "in-memory camera"; }
+
+protected:
+  void _validate(bool) override {
+    focalLength_ = knobs_[0];
+    filmWidth_ = knobs_[1];
+    filmHeight_ = knobs_[2];
+    focalPoint_ = knobs_[3];
+    fstop_ = knobs_[4];
+  }
+
+private:
+  double knobs_[5] = {50.0, 24.576, 18.672, 2.0, 16.0};
 };
 
 // ---- rows -------------------------------------------------------------------------------------

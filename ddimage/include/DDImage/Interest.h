@@ -1,6 +1,7 @@
 #pragma once
-// Declares that rows of an op will be read. This host keeps nothing in cache, so it only marks
-// the scope.
+// Declares that the whole requested area of an op will be read: the real host fills and locks
+// all of it in its cache, which makes it a tool for whole-image reads at open time and a
+// bottleneck on the row path. This host keeps nothing in cache; it counts the interests taken.
 
 #include "DDImage/ChannelSet.h"
 
@@ -12,12 +13,7 @@ class InterestRatchet;
 
 class Interest {
 public:
-  Interest(Iop& iop, ChannelMask channels, bool multithreaded = false, InterestRatchet* ratchet = nullptr)
-      : iop_(&iop) {
-    (void)channels;
-    (void)multithreaded;
-    (void)ratchet;
-  }
+  Interest(Iop& iop, ChannelMask channels, bool multithreaded = false, InterestRatchet* ratchet = nullptr);
   Interest(const Interest&) = delete;
   Interest& operator=(const Interest&) = delete;
   void unlock() {}

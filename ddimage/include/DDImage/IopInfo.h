@@ -16,11 +16,14 @@ public:
   const Format& full_size_format() const { return fullSizeFormat_; }
   void format(const Format& f) { format_ = f; }
   void full_size_format(const Format& f) { fullSizeFormat_ = f; }
-  // Moves the four edges of the box; an edge that crosses its opposite stops there.
+  // Moves the four edges as Box::pad does, but a box at or inside the format's area
+  // (0, 0, width, height) is kept within it: filters do not spill past the format.
   void clipmove(int dx, int dy, int dr, int dt) {
-    set(x() + dx, y() + dy, r() + dr, t() + dt);
-    if (r() < x()) r(x());
-    if (t() < y()) t(y());
+    const Box area(0, 0, format_.width(), format_.height());
+    const bool within = x() >= area.x() && y() >= area.y() && r() <= area.r() && t() <= area.t();
+    pad(dx, dy, dr, dt);
+    if (within)
+      intersect(area);
   }
 
 private:

@@ -47,6 +47,12 @@ public:
   static constexpr FlagMask STARTLINE = 0x1000;
 
   Knob(Op* op, int kind, StoreType store, void* field, const char* name, const char* label);
+
+  // Not knobs of any op: the host passes them to knob_changed when the op's panel opens or
+  // closes, and when its inputs change.
+  static Knob& showPanel;
+  static Knob& hidePanel;
+  static Knob& inputChange;
   Knob(const Knob&) = delete;
   Knob& operator=(const Knob&) = delete;
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "DDImage/Box.h"
 #include "DDImage/HostRecords.h"
 #include "DDImage/OutputContext.h"
 
@@ -27,13 +28,14 @@ namespace MetaData { class Bundle; }
 class Op {
 public:
   typedef Op* (*OpConstructor)(Node*);
-  typedef Iop* (*IopConstructor)(Node*);
 
-  // Registers a class of op by name when the library loads.
+  // Registers a class of op by name when the library loads. The host takes its menus from
+  // menu.py files, never from here: the form with a menu path is on its way out.
   class Description {
   public:
-    Description(const char* name, const char* menu, IopConstructor constructor);
     Description(const char* name, OpConstructor constructor, License* license = nullptr);
+    [[deprecated("use Description(name, constructor)")]]
+    Description(const char* name, const char* menu, OpConstructor constructor);
     Description(const Description&) = delete;
     Description& operator=(const Description&) = delete;
 
@@ -48,8 +50,7 @@ public:
     static std::vector<std::string> names();
 
   private:
-    OpConstructor opConstructor_ = nullptr;
-    IopConstructor iopConstructor_ = nullptr;
+    OpConstructor constructor_ = nullptr;
   };
 
   enum GenerateType { OUTPUT_OP = 0, INPUT_OP = 1, INPUT_OP_PROXY = 2 };
@@ -69,6 +70,8 @@ public:
   Op* input1() const { return input(1); }
   // What is really connected to input n, or null.
   Op* node_input(int n, GenerateType type = OUTPUT_OP) const;
+  // Input changes reach knob_changed as Knob::inputChange; this hook is on its way out.
+  [[deprecated("react to Knob::inputChange in knob_changed")]]
   virtual void set_input(int i, Op* op, int input, int offset);
   virtual bool test_input(int n, Op* op) const;
   virtual Op* default_input(int n) const;
@@ -95,22 +98,29 @@ public:
   Knob* knob(const char* name) const;
 
   // Lifecycle. validate runs _validate unless the op is already valid at that level (a real
-  // validation also counts for a non-real one). open runs _open once after each validate or
-  // request. invalidate forgets both.
+  // validation also counts for a non-real one). open runs _open once after each invalidation,
+  // however many requests come in between, under the host's one lock, and not at all once the op
+  // has raised an error. Reading rows of an op that is not open opens it. invalidate forgets
+  // validation and opening (and calls _invalidate).
   void validate(bool for_real = true);
   void open();
   void close();
   bool invalidate();
   bool valid() const { return valid_; }
   bool real_valid() const { return realValid_; }
-  bool opened() const { return opened_; }
+  bool opened() const { return opened_.load(std::memory_order_acquire); }
 
-  // Reports, printf style. Recorded for the host; neither stops the caller.
+  // Reports, printf style. A warning is only recorded; an error also aborts the op until its
+  // next validation, so the rest of the tree stops asking it for pixels.
   void error(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   void warning(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
   bool aborted() const { return aborted_.load(std::memory_order_relaxed); }
 
+  // The context of the panel, and the one the op renders for; they need not agree (a viewer in
+  // proxy mode renders at its proxy scale while the panel stays at full size).
   const OutputContext& uiContext() const { return uiContext_; }
+  const OutputContext& outputContext() const { return outputContext_; }
+  void setOutputContext(const OutputContext& context) { outputContext_ = context; }
 
 protected:
   explicit Op(Node* node);
@@ -118,25 +128,33 @@ protected:
   virtual void _validate(bool for_real);
   virtual void _open();
   virtual void _close();
-
-  // Called by Iop::request: a new request means the op must open again.
-  void forgetOpen() { opened_ = false; }
+  virtual void _invalidate();
 
 private:
   friend struct host::Access;
 
   Node* node_;
   std::vector<Op*> inputs_;
+  std::vector<Op*> graphInputs_;  // what node_input gives, when the host set one apart
   std::vector<Knob*> knobs_;
+  std::vector<const Knob*> quietKnobs_;  // knob_changed said 0 for these: not called again
   bool valid_ = false;
   bool realValid_ = false;
-  bool opened_ = false;
+  std::atomic<bool> opened_{false};
   std::atomic<bool> aborted_{false};
+  bool abortedByError_ = false;
   mutable std::mutex reportMutex_;
   bool hasError_ = false;
   std::string error_;
   std::vector<std::string> warnings_;
   OutputContext uiContext_;
+  OutputContext outputContext_;
+  // The union of the areas asked of this op since it was last invalidated; reads are clamped to
+  // it, as the real host's caches hold nothing else.
+  Box requestedArea_;
+  bool requestedAny_ = false;
+  std::atomic<int> interests_{0};
+  std::atomic<int> unrequestedReads_{0};
 };
 
 }  // namespace Image

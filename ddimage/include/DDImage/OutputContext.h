@@ -1,6 +1,5 @@
 #pragma once
-// Where in time and space an op is evaluated. The proxy scale must stay the first data member
-// and the class must have no virtuals: plug-ins read the first float of the object directly.
+// Where in time and space an op is evaluated: frame, view and proxy scale.
 
 namespace DD {
 namespace Image {
@@ -8,16 +7,19 @@ namespace Image {
 class OutputContext {
 public:
   OutputContext() = default;
-  float proxyScale() const { return proxyScale_; }
+  // The proxy scale: 1 at full resolution, 0.5 when a proxy renders at half size.
+  float scale_x() const { return scaleX_; }
+  float scale_y() const { return scaleY_; }
+  void setProxyscale(float scale) { scaleX_ = scaleY_ = scale; }
+  void setProxyscale(float sx, float sy) { scaleX_ = sx; scaleY_ = sy; }
   double frame() const { return frame_; }
   int view() const { return view_; }
-  void setProxyScale(float s) { proxyScale_ = s; }
   void setFrame(double f) { frame_ = f; }
   void setView(int v) { view_ = v; }
 
 private:
-  float proxyScale_ = 1.0f;
-  float proxyScaleY_ = 1.0f;
+  float scaleX_ = 1.0f;
+  float scaleY_ = 1.0f;
   double frame_ = 1.0;
   int view_ = 1;
 };

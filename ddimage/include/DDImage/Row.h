@@ -1,6 +1,6 @@
 #pragma once
 // One line of pixels over columns [x, r), one float buffer per channel, addressed by absolute
-// column: row[z][x] is column x. Buffers are made on first use; a channel never written reads 0.
+// column: row[z][x] is column x. Buffers are made on first use; a channel never made reads 0.
 
 #include <cstddef>
 
@@ -25,7 +25,8 @@ public:
   void get(Iop& iop, int y, int x, int r, ChannelMask channels);
   // Copies [x, r) of the channels from another row (clipped to both rows).
   void copy(const Row& source, ChannelMask channels, int x, int r);
-  // The channel's buffer for writing, made (zeroed) on first use. Address it by absolute column.
+  // The channel's buffer for writing, made on first use and not cleared (whatever a new buffer
+  // holds is not to be relied on). Address it by absolute column.
   float* writable(Channel z);
   // The channels read 0 afterwards.
   void erase(ChannelMask channels);
