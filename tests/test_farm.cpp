@@ -1,4 +1,4 @@
-// vorel farm: frame ranges and their chunks, the job script run by bash as Slurm would run each
+// vorel farm: frame lists and their chunks, the job script run by bash as Slurm would run each
 // array task, and submission through a stand-in sbatch. The real cluster is in
 // tests/python/test_farm_slurm.py.
 #include <gtest/gtest.h>
@@ -15,6 +15,7 @@
 
 #include "app/AppError.h"
 #include "app/Farm.h"
+#include "app/Frames.h"
 
 namespace fs = std::filesystem;
 using namespace vorelapp;
@@ -72,60 +73,27 @@ FarmRun farm(std::vector<std::string> args) {
   return {status, out.str(), err.str()};
 }
 
-// The frames "A-B" or "A-BxS" stand for.
-std::vector<long> expand(const std::string& text) {
-  const FrameRange f = parseFrameRange(text);
-  std::vector<long> frames;
-  for (long x = f.first; x <= f.last; x += f.step)
-    frames.push_back(x);
-  return frames;
-}
-
 }  // namespace
-
-TEST(FarmFrames, RangesAndTheirErrors) {
-  struct Case {
-    const char* text;
-    long first, last, step, count;
-  } good[] = {{"1001-1100", 1001, 1100, 1, 100}, {"1001-1100x2", 1001, 1099, 2, 50},
-              {"7", 7, 7, 1, 1},                 {"-5-5", -5, 5, 1, 11},
-              {"1-10x20", 1, 1, 20, 1},          {"10-10x3", 10, 10, 3, 1}};
-  for (const Case& c : good) {
-    const FrameRange f = parseFrameRange(c.text);
-    EXPECT_EQ(f.first, c.first) << c.text;
-    EXPECT_EQ(f.last, c.last) << c.text;
-    EXPECT_EQ(f.step, c.step) << c.text;
-    EXPECT_EQ(f.count(), c.count) << c.text;
-  }
-  for (const char* bad : {"", "x", "1-", "10-1", "1-10x0", "1-10x-2", "1-10x", "1..10", "1-10y2",
-                          "a-b", "1-10x2x3", "99999999999999999999"})
-    EXPECT_THROW(parseFrameRange(bad), UsageError) << bad;
-
-  for (const char* token : {"a.####.exr", "a.%04d.exr", "a.%d.exr", "a.@.exr", "dir/a_@@@@.exr"})
-    EXPECT_TRUE(hasFrameToken(token)) << token;
-  for (const char* none : {"a.exr", "a.%s.exr", "a%.exr", "shot.####/a.exr"})
-    EXPECT_FALSE(hasFrameToken(none)) << none;
-}
 
 TEST(FarmFrames, ChunksCoverEveryFrameOnceInOrder) {
   struct Case {
-    const char* range;
+    const char* frames;
     long chunk;
     std::size_t tasks;
-  } cases[] = {{"1001-1100", 10, 10}, {"1001-1100", 7, 15}, {"1001-1100x3", 4, 9},
-               {"1-20", 20, 1},       {"1-20", 50, 1},      {"5-5", 3, 1}};
+  } cases[] = {{"1001-1100", 10, 10}, {"1001-1100", 7, 15},  {"1001-1100x3", 4, 9},
+               {"1-20", 20, 1},       {"1-20", 50, 1},       {"5", 3, 1},
+               {"-5-5, 20", 4, 3},    {"30, 1-9x2, 2-8x2", 3, 4}, {"1,2,4,7,11", 5, 1}};
   for (const Case& c : cases) {
-    const auto chunks = chunksOf(parseFrameRange(c.range), c.chunk);
-    ASSERT_EQ(chunks.size(), c.tasks) << c.range << " by " << c.chunk;
-    const FrameRange f = parseFrameRange(c.range);
-    std::vector<long> covered;
-    for (const Chunk& k : chunks) {
-      const auto part = expand(std::to_string(k.first) + "-" + std::to_string(k.last) + "x" +
-                               std::to_string(f.step));
-      EXPECT_LE(long(part.size()), c.chunk);
+    const std::vector<int> frames = parseFrames(c.frames);
+    const auto chunks = chunkTexts(frames, c.chunk);
+    ASSERT_EQ(chunks.size(), c.tasks) << c.frames << " by " << c.chunk;
+    std::vector<int> covered;
+    for (const std::string& text : chunks) {
+      const auto part = parseFrames(text);
+      EXPECT_LE(long(part.size()), c.chunk) << text;
       covered.insert(covered.end(), part.begin(), part.end());
     }
-    EXPECT_EQ(covered, expand(c.range)) << c.range << " by " << c.chunk;
+    EXPECT_EQ(covered, frames) << c.frames << " by " << c.chunk;
   }
 }
 
@@ -136,7 +104,7 @@ TEST(FarmScript, EachTaskRendersItsChunkWithEveryArgumentIntact) {
   const std::string fake = dir / "fake vorel's";
   writeExecutable(fake, "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done\n");
   for (const auto& [range, chunk] : std::vector<std::pair<std::string, long>>{
-           {"1001-1100", 10}, {"1001-1100x3", 4}, {"1-20", 6}}) {
+           {"1001-1100", 10}, {"1001-1100x3", 4}, {"1-20", 6}, {"1-5, 10, -3--1, 20-30x5", 3}}) {
     const FarmRun dry = farm({"submit", "shots/it's a shot.####.exr", "-o", "out/soft.%04d.exr",
                           "--frames", range, "--chunk", std::to_string(chunk), "--set",
                           "outputType=Focus Matte", "--preset=$HOME/x `y`", "--skip-existing",
@@ -145,8 +113,8 @@ TEST(FarmScript, EachTaskRendersItsChunkWithEveryArgumentIntact) {
     const std::string script = dir / "job.sh";
     std::ofstream(script) << dry.out.substr(dry.out.find("#!"));  // after the node's banner
 
-    const auto chunks = chunksOf(parseFrameRange(range), chunk);
-    std::vector<long> rendered;
+    const auto chunks = chunkTexts(parseFrames(range), chunk);
+    std::vector<int> rendered;
     for (std::size_t task = 0; task < chunks.size(); ++task) {
       const std::string outFile = dir / "task.txt";
       const std::string command = "cd '" + dir.path.string() + "' && SLURM_ARRAY_TASK_ID=" +
@@ -160,10 +128,10 @@ TEST(FarmScript, EachTaskRendersItsChunkWithEveryArgumentIntact) {
           "render", "shots/it's a shot.####.exr", "-o", "out/soft.%04d.exr", "--frames", args[6],
           "--skip-existing", "--set", "outputType=Focus Matte", "--preset=$HOME/x `y`", "--quiet"};
       EXPECT_EQ(std::vector<std::string>(args.begin() + 1, args.begin() + 12), expected);
-      const auto frames = expand(args[6]);
+      const auto frames = parseFrames(args[6]);
       rendered.insert(rendered.end(), frames.begin(), frames.end());
     }
-    EXPECT_EQ(rendered, expand(range)) << range;
+    EXPECT_EQ(rendered, parseFrames(range)) << range;
     // Without Slurm's task number the script refuses to run.
     EXPECT_NE(std::system(("cd '" + dir.path.string() + "' && env -u SLURM_ARRAY_TASK_ID bash job.sh >/dev/null 2>&1").c_str()), 0);
   }
@@ -216,7 +184,7 @@ TEST(FarmSubmit, EveryFailureIsOneLineWithItsStatus) {
       {{"--chunk", "2"}, 2, "give the frames with --frames"},
       {{"--frames", "1-9", "--chunk", "0"}, 2, "--chunk: expected a whole number of at least 1"},
       {{"--frames", "1-9", "--chunk"}, 2, "--chunk needs a value"},
-      {{"--frames", "9-1"}, 2, "--frames: the last frame comes before the first"},
+      {{"--frames", "9-1"}, 2, "--frames: '9-1' runs backwards"},
       {{"--frames", "1-9", "--job-name", "a b"}, 2, "--job-name: 'a b' must be one word"},
       {{"--frames", "1-9", "--sbatch", refusing}, 1,
        "sbatch refused the job (status 1): sbatch: error: invalid partition specified: gpu"},

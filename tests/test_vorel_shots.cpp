@@ -178,6 +178,11 @@ TEST(Frames, PatternsAndRangesAsCompositorsWriteThem) {
   for (const char* bad : {"", "a", "5-1", "1-5x0", "1-5x", "1-", "1-2000000000", "1;2"})
     EXPECT_THROW(parseFrames(bad), UsageError) << bad;
   EXPECT_EQ(frameListText({1001, 1002, 1003, 1007, 1009, 1010}), "1001-1003, 1007, 1009-1010");
+  // A range text reads back as the frames it was made from, order kept.
+  for (const std::vector<int>& frames : std::vector<std::vector<int>>{
+           {1001, 1003, 1005, 1006, 1007, 1020}, {-3, -2, -1, 5, 9}, {30, 1, 3, 5, 2}, {7}})
+    EXPECT_EQ(parseFrames(frameRangeText(frames)), frames) << frameRangeText(frames);
+  EXPECT_EQ(frameRangeText({1001, 1003, 1005, 1006, 1007, 1020}), "1001-1005x2,1006-1007,1020");
 }
 
 TEST(Frames, KeysAreLinearBetweenAndHeldOutside) {
