@@ -5,8 +5,6 @@
 
 #include <OpenImageIO/imageio.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -20,66 +18,15 @@
 #include "app/Cli.h"
 #include "app/Frames.h"
 #include "app/ImageFiles.h"
+#include "support/RunVorel.h"
 
 namespace fs = std::filesystem;
 using namespace vorelapp;
-using Names = std::vector<std::string>;
+using namespace vorelapp::test;
 using OIIO::ImageSpec;
 using OIIO::TypeDesc;
 
 namespace {
-
-struct TempDir {
-  const fs::path path =
-      fs::temp_directory_path() /
-      ("vorel_shots_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
-       "_" + std::to_string(::getpid()));
-  TempDir() {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
-
-std::string bytes(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-// vorel run in `dir` (relative paths are the directory's), as the built program when `binary`,
-// else in this process through the same entry, which is quicker: the program's start-up
-// (OpenImageIO's) costs about as much as a small shot frame.
-Outcome vorel(const TempDir& dir, const Names& args, bool binary = false, bool terminal = false) {
-  if (binary) {
-    std::string command = "cd '" + dir.path.string() + "' && " + VOREL_BINARY;
-    for (const std::string& a : args)
-      command += " '" + a + "'";
-    const int status = std::system((command + " >.out 2>.err").c_str());
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, bytes(dir / ".out"), bytes(dir / ".err")};
-    fs::remove(dir / ".out");
-    fs::remove(dir / ".err");
-    return r;
-  }
-  const fs::path back = fs::current_path();
-  fs::current_path(dir.path);
-  std::vector<const char*> argv = {"vorel"};
-  for (const std::string& a : args)
-    argv.push_back(a.c_str());
-  std::ostringstream out, err;
-  const int code = vorelMain(int(argv.size()), argv.data(), out, err, terminal);
-  fs::current_path(back);
-  return {code, out.str(), err.str()};
-}
 
 // Lines of `text` holding `what`.
 std::size_t count(const std::string& text, const std::string& what) {
@@ -148,11 +95,6 @@ bool samePixels(const std::string& a, const std::string& b) {
 // Blurs that show within a small frame.
 const Names kBlur = {"--set", "max_kernelsize=12", "--set", "multiplier=6", "--set",
                      "focusRegionSize=20", "--threads", "2"};
-
-Names operator+(Names a, const Names& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 }  // namespace
 
