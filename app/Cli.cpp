@@ -396,14 +396,14 @@ ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
 
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
-  // The farm passes most of its arguments on to `vorel render`, so it parses its own.
-  if (argc > 1 && std::string(argv[1]) == "farm")
-    return farmMain(argc - 1, argv + 1, out, err);
-  CommandLine c;
-  addCommands(c);
-  if (const auto status = parseCommandLine(c, argc, argv, out, err))
-    return *status;
   try {
+    // The farm passes most of its arguments on to `vorel render`, so it parses its own.
+    if (argc > 1 && std::string(argv[1]) == "farm")
+      return farmMain(argc - 1, argv + 1, out, err);
+    CommandLine c;
+    addCommands(c);
+    if (const auto status = parseCommandLine(c, argc, argv, out, err))
+      return *status;
     if (c.knobs->parsed()) {
       auto node = makeNode();
       if (c.knobsJson)

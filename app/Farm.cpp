@@ -336,46 +336,35 @@ std::string jobScript(const FarmJob& job) {
 }
 
 int farmMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-  const std::string program = "vorel";
   const std::string command = argc > 1 ? argv[1] : "";
   if (command == "-h" || command == "--help") {
     out << kSubmitHelp << "\n";
     return kExitOk;
   }
-  if (command != "submit") {
-    err << program << ": farm: " << (command.empty() ? "no command" : "unknown command '" + command + "'")
-        << " (farm commands: submit; see vorel farm submit --help)\n";
-    return kExitUsage;
-  }
-  try {
-    SubmitRequest request = readSubmitArguments(std::vector<std::string>(argv + 2, argv + argc));
-    if (request.help) {
-      out << kSubmitHelp << "\n";
-      return kExitOk;
-    }
-    completeJob(request);
-    const FarmJob& job = request.job;
-    const std::string script = jobScript(job);
-    if (request.dryRun) {
-      out << script;
-      return kExitOk;
-    }
-    const std::string path = job.logDir + "/" + job.jobName + ".sbatch";
-    writeScript(path, script);
-    const std::string id = submit(request.sbatch, path);
-    const std::size_t tasks = chunkTexts(job.frames, job.chunk).size();
-    out << id << "\n";
-    err << program << ": submitted job " << id << ": frames " << frameRangeText(job.frames) << " in "
-        << tasks << " task" << (tasks == 1 ? "" : "s") << "; script " << path << ", logs "
-        << job.logDir << "/" << job.jobName << "-" << id << "_*.log\n";
+  if (command != "submit")
+    throw UsageError("farm: " + (command.empty() ? "no command" : "unknown command '" + command + "'") +
+                     " (farm commands: submit; see vorel farm submit --help)");
+  SubmitRequest request = readSubmitArguments(std::vector<std::string>(argv + 2, argv + argc));
+  if (request.help) {
+    out << kSubmitHelp << "\n";
     return kExitOk;
-  } catch (const AppError& e) {
-    err << program << ": " << e.what() << "\n";
-    return e.status();
-  } catch (const std::exception& e) {
-    err << program << ": " << e.what() << "\n";
-    return kExitRender;
   }
+  completeJob(request);
+  const FarmJob& job = request.job;
+  const std::string script = jobScript(job);
+  if (request.dryRun) {
+    out << script;
+    return kExitOk;
+  }
+  const std::string path = job.logDir + "/" + job.jobName + ".sbatch";
+  writeScript(path, script);
+  const std::string id = submit(request.sbatch, path);
+  const std::size_t tasks = chunkTexts(job.frames, job.chunk).size();
+  out << id << "\n";
+  err << "vorel: submitted job " << id << ": frames " << frameRangeText(job.frames) << " in " << tasks
+      << " task" << (tasks == 1 ? "" : "s") << "; script " << path << ", logs " << job.logDir << "/"
+      << job.jobName << "-" << id << "_*.log\n";
+  return kExitOk;
 }
 
 }  // namespace vorelapp

@@ -32,8 +32,8 @@ struct FarmJob {
 // The sbatch script for the job.
 std::string jobScript(const FarmJob& job);
 
-// `vorel farm ...` with argv[0] being "farm". Returns the exit status; one line on `err` for every
-// failure. The job's id goes to `out`.
+// `vorel farm ...` with argv[0] being "farm". The job's id goes to `out`. A failure is thrown
+// (AppError) for vorel's entry to report, as every command's is.
 int farmMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err);
 
 }  // namespace vorelapp
