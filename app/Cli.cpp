@@ -420,12 +420,9 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
       return kExitOk;
     }
     return runRender(c, out, err, errIsTerminal);
-  } catch (const AppError& e) {
-    err << kProgram << ": " << e.what() << "\n";
-    return e.status();
   } catch (const std::exception& e) {
     err << kProgram << ": " << e.what() << "\n";
-    return kExitRender;
+    return exitStatusOf(e);
   }
 }
 
