@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 #include <cstdio>
@@ -173,7 +174,15 @@ void addCommands(CommandLine& c) {
   c.demo->add_option("--height", c.demoHeight, "Height in pixels")->check(CLI::Range(16, 8192));
 }
 
-// Parses; a status to exit with when the command line ends the run (help, errors).
+// CLI11's message on one line, as every failure is reported.
+UsageError parseError(const CLI::ParseError& e, const std::string& hint) {
+  std::string what = e.what();
+  std::replace(what.begin(), what.end(), '\n', ' ');
+  return UsageError(what + hint);
+}
+
+// Parses; a status to exit with when the command line ends the run (help, an unknown command).
+// Throws UsageError for one that does not parse.
 std::optional<int> parseCommandLine(CommandLine& c, int argc, const char* const* argv,
                                     std::ostream& out, std::ostream& err) {
   const std::string first = argc > 1 ? argv[1] : "";
@@ -190,12 +199,7 @@ std::optional<int> parseCommandLine(CommandLine& c, int argc, const char* const*
   } catch (const CLI::CallForAllHelp& e) {
     return c.app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
-    std::string what = e.what();
-    for (char& ch : what)
-      if (ch == '\n')
-        ch = ' ';
-    err << kProgram << ": " << what << " (see vorel --help)\n";
-    return kExitUsage;
+    throw parseError(e, " (see vorel --help)");
   }
   return std::nullopt;
 }
@@ -384,11 +388,7 @@ ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
   try {
     c.app.parse(int(argv.size()), argv.data());
   } catch (const CLI::ParseError& e) {
-    std::string what = e.what();
-    for (char& ch : what)
-      if (ch == '\n')
-        ch = ' ';
-    throw UsageError(what);
+    throw parseError(e, "");
   }
   gatherRenderOptions(c);
   return c.shot;
