@@ -29,4 +29,11 @@ struct RenderError : AppError {
   explicit RenderError(const std::string& message) : AppError(kExitRender, message) {}
 };
 
+// The exit status a failure stands for: an AppError's own; anything else the libraries throw
+// happened while rendering.
+inline ExitStatus exitStatusOf(const std::exception& e) {
+  const auto* app = dynamic_cast<const AppError*>(&e);
+  return app ? app->status() : kExitRender;
+}
+
 }  // namespace vorelapp

@@ -1,11 +1,8 @@
 #include "app/ArrayRender.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <exception>
 #include <memory>
-#include <mutex>
 #include <shared_mutex>
 #include <thread>
 
@@ -90,44 +87,21 @@ void checkArrays(const ArrayView& image, const ArrayView& depth, const ArrayRend
     throw UsageError("the kernel must be a non-empty image of 1 to 4 channels");
 }
 
-// Every row of [0, width) x [0, height) on `threads` threads, each written into its array row.
-void renderRows(Iop& node, const ChannelSet& request, int channels, int width, int height,
-                unsigned threads, float* out) {
-  std::atomic<int> nextRow{0};
-  std::atomic<bool> failed{false};
-  std::exception_ptr failure;
-  std::mutex failureMutex;
-  auto worker = [&]() {
-    try {
-      for (int y = nextRow++; y < height && !failed; y = nextRow++) {
-        Row row(0, width);
-        node.engine(y, 0, width, request, row);
-        float* line = out + std::size_t(height - 1 - y) * std::size_t(width) * std::size_t(channels);
-        for (int c = 0; c < channels; ++c) {
-          const float* src = row[kImageChannels[c]];
-          for (int x = 0; x < width; ++x)
-            line[std::size_t(x) * std::size_t(channels) + std::size_t(c)] = src[x];
-        }
-      }
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(failureMutex);
-      if (!failure)
-        failure = std::current_exception();
-      failed = true;
+// Every row of the image, written into its array row (the arrays run top down, rows bottom up).
+void renderIntoArray(Iop& node, const ChannelSet& request, int channels, int width, int height,
+                     unsigned threads, float* out) {
+  auto take = [&](int y, const Row& row) {
+    float* line = out + std::size_t(height - 1 - y) * std::size_t(width) * std::size_t(channels);
+    for (int c = 0; c < channels; ++c) {
+      const float* src = row[kImageChannels[c]];
+      for (int x = 0; x < width; ++x)
+        line[std::size_t(x) * std::size_t(channels) + std::size_t(c)] = src[x];
     }
   };
-  std::vector<std::thread> pool;
-  for (unsigned i = 1; i < threads; ++i)
-    pool.emplace_back(worker);
-  worker();
-  for (std::thread& t : pool)
-    t.join();
-  if (failure) {
-    try {
-      std::rethrow_exception(failure);
-    } catch (const std::exception& e) {
-      throw RenderError(std::string("rendering failed: ") + e.what());
-    }
+  try {
+    host::renderRows(node, Box(0, 0, width, height), request, threads, take);
+  } catch (const std::exception& e) {
+    throw RenderError(std::string("rendering failed: ") + e.what());
   }
 }
 
@@ -205,7 +179,7 @@ RenderSummary renderArrays(const ArrayView& image, const ArrayView& depth, float
     for (const std::string& w : host::warnings(node))
       o.warning(w);
 
-  renderRows(node, request, image.channels, image.width, image.height, threads, out);
+  renderIntoArray(node, request, image.channels, image.width, image.height, threads, out);
 
   RenderSummary summary;
   summary.width = image.width;

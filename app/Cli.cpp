@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 #include <cstdio>
@@ -173,7 +174,15 @@ void addCommands(CommandLine& c) {
   c.demo->add_option("--height", c.demoHeight, "Height in pixels")->check(CLI::Range(16, 8192));
 }
 
-// Parses; a status to exit with when the command line ends the run (help, errors).
+// CLI11's message on one line, as every failure is reported.
+UsageError parseError(const CLI::ParseError& e, const std::string& hint) {
+  std::string what = e.what();
+  std::replace(what.begin(), what.end(), '\n', ' ');
+  return UsageError(what + hint);
+}
+
+// Parses; a status to exit with when the command line ends the run (help, an unknown command).
+// Throws UsageError for one that does not parse.
 std::optional<int> parseCommandLine(CommandLine& c, int argc, const char* const* argv,
                                     std::ostream& out, std::ostream& err) {
   const std::string first = argc > 1 ? argv[1] : "";
@@ -190,12 +199,7 @@ std::optional<int> parseCommandLine(CommandLine& c, int argc, const char* const*
   } catch (const CLI::CallForAllHelp& e) {
     return c.app.exit(e, out, err);
   } catch (const CLI::ParseError& e) {
-    std::string what = e.what();
-    for (char& ch : what)
-      if (ch == '\n')
-        ch = ' ';
-    err << kProgram << ": " << what << " (see vorel --help)\n";
-    return kExitUsage;
+    throw parseError(e, " (see vorel --help)");
   }
   return std::nullopt;
 }
@@ -384,11 +388,7 @@ ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
   try {
     c.app.parse(int(argv.size()), argv.data());
   } catch (const CLI::ParseError& e) {
-    std::string what = e.what();
-    for (char& ch : what)
-      if (ch == '\n')
-        ch = ' ';
-    throw UsageError(what);
+    throw parseError(e, "");
   }
   gatherRenderOptions(c);
   return c.shot;
@@ -396,14 +396,14 @@ ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
 
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
-  // The farm passes most of its arguments on to `vorel render`, so it parses its own.
-  if (argc > 1 && std::string(argv[1]) == "farm")
-    return farmMain(argc - 1, argv + 1, out, err);
-  CommandLine c;
-  addCommands(c);
-  if (const auto status = parseCommandLine(c, argc, argv, out, err))
-    return *status;
   try {
+    // The farm passes most of its arguments on to `vorel render`, so it parses its own.
+    if (argc > 1 && std::string(argv[1]) == "farm")
+      return farmMain(argc - 1, argv + 1, out, err);
+    CommandLine c;
+    addCommands(c);
+    if (const auto status = parseCommandLine(c, argc, argv, out, err))
+      return *status;
     if (c.knobs->parsed()) {
       auto node = makeNode();
       if (c.knobsJson)
@@ -420,12 +420,9 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
       return kExitOk;
     }
     return runRender(c, out, err, errIsTerminal);
-  } catch (const AppError& e) {
-    err << kProgram << ": " << e.what() << "\n";
-    return e.status();
   } catch (const std::exception& e) {
     err << kProgram << ": " << e.what() << "\n";
-    return kExitRender;
+    return exitStatusOf(e);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <sstream>
 
 #include "app/AppError.h"
+#include "app/Frames.h"
 
 extern char** environ;
 namespace fs = std::filesystem;
@@ -21,16 +23,17 @@ namespace vorelapp {
 
 namespace {
 
-const char* kSubmitHelp = R"(usage: vorel farm submit [INPUT] -o OUTPUT --frames A-B[xS] [--chunk N] [farm options] [render options]
+const char* kSubmitHelp = R"(usage: vorel farm submit [INPUT] -o OUTPUT --frames LIST [--chunk N] [farm options] [render options]
 
 Submits a shot to Slurm as one job array. Each task renders --chunk frames with
-  vorel render INPUT -o OUTPUT --frames A-B --skip-existing [render options]
+  vorel render INPUT -o OUTPUT --frames CHUNK --skip-existing [render options]
 so submitting the same command again renders only the frames still missing. INPUT and OUTPUT
 are frame patterns (shot.####.exr, shot.%04d.exr, shot.@.exr); INPUT, if given, comes first.
 Every option not listed here is passed to vorel render as it is (--set, --preset, --camera, ...).
 
 Farm options:
-  --frames A-B[xS]     frames to render, e.g. 1001-1100 or 1001-1100x2 (required)
+  --frames LIST        frames to render, as vorel render takes them: 1001-1100, 1001-1100x2,
+                       1001,1005 (required)
   --chunk N            frames per task (default 10)
   --dry-run            print the job script instead of submitting it
   --job-name NAME      Slurm job name (default vorel)
@@ -80,13 +83,6 @@ std::string literalPercent(const std::string& path) {
 std::string absolute(const std::string& path, const std::string& base) {
   const fs::path p(path);
   return (p.is_absolute() ? p : fs::path(base) / p).lexically_normal().string();
-}
-
-std::string rangeText(const FrameRange& f) {
-  std::string s = std::to_string(f.first);
-  if (f.last != f.first)
-    s += "-" + std::to_string(f.last);
-  return f.step != 1 ? s + "x" + std::to_string(f.step) : s;
 }
 
 struct SubmitRequest {
@@ -158,12 +154,12 @@ void completeJob(SubmitRequest& request) {
   FarmJob& job = request.job;
   const std::string cwd = fs::current_path().string();
   if (request.frames.empty())
-    throw UsageError("farm submit: give the frames with --frames A-B (e.g. --frames 1001-1100)");
-  job.frames = parseFrameRange(request.frames);
+    throw UsageError("farm submit: give the frames with --frames (e.g. --frames 1001-1100)");
+  job.frames = parseFrames(request.frames);
   if (job.outputs.empty())
     throw UsageError("farm submit: no output: give -o PATTERN (e.g. -o soft.####.exr)");
   for (const std::string& o : job.outputs)
-    if (!hasFrameToken(o))
+    if (!hasFramePattern(o))
       throw UsageError("farm submit: the output " + o +
                        " has no frame number (####, %04d or @): every task would write the same file");
   if (job.jobName.empty() || job.jobName.find_first_of(" \t\n'\"/") != std::string::npos)
@@ -289,64 +285,21 @@ std::string submit(const std::string& sbatch, const std::string& script) {
 
 }  // namespace
 
-FrameRange parseFrameRange(const std::string& text) {
-  auto bad = [&](const std::string& why) {
-    return UsageError("--frames: " + why + ", got '" + text + "' (expected A-B or A-BxS, e.g. 1001-1100x2)");
-  };
-  FrameRange f;
-  const char* s = text.c_str();
-  char* end = nullptr;
-  errno = 0;
-  f.first = std::strtol(s, &end, 10);
-  if (end == s || errno)
-    throw bad("no first frame");
-  f.last = f.first;
-  if (*end == '-') {
-    const char* b = end + 1;
-    f.last = std::strtol(b, &end, 10);
-    if (end == b || errno || *b == '-' || *b == '+')
-      throw bad("no last frame");
+std::vector<std::string> chunkTexts(const std::vector<int>& frames, long chunk) {
+  std::vector<std::string> texts;
+  for (std::size_t first = 0; first < frames.size(); first += std::size_t(chunk)) {
+    const std::size_t end = std::min(frames.size(), first + std::size_t(chunk));
+    texts.push_back(frameRangeText(std::vector<int>(frames.begin() + long(first), frames.begin() + long(end))));
   }
-  if (*end == 'x') {
-    const char* b = end + 1;
-    f.step = std::strtol(b, &end, 10);
-    if (end == b || errno || f.step < 1)
-      throw bad("the step must be a whole number of at least 1");
-  }
-  if (*end)
-    throw bad("unexpected '" + std::string(end) + "'");
-  if (f.last < f.first)
-    throw bad("the last frame comes before the first");
-  f.last = f.first + (f.last - f.first) / f.step * f.step;
-  return f;
-}
-
-std::vector<Chunk> chunksOf(const FrameRange& frames, long chunk) {
-  std::vector<Chunk> chunks;
-  const long span = chunk * frames.step;
-  for (long a = frames.first; a <= frames.last; a += span)
-    chunks.push_back({a, std::min(frames.last, a + (chunk - 1) * frames.step)});
-  return chunks;
-}
-
-bool hasFrameToken(const std::string& pattern) {
-  const std::string name = fs::path(pattern).filename().string();
-  if (name.find('#') != std::string::npos || name.find('@') != std::string::npos)
-    return true;
-  const auto p = name.find('%');
-  if (p == std::string::npos)
-    return false;
-  std::size_t i = p + 1;
-  while (i < name.size() && std::isdigit(static_cast<unsigned char>(name[i])))
-    ++i;
-  return i < name.size() && name[i] == 'd';
+  return texts;
 }
 
 std::string jobScript(const FarmJob& job) {
-  const long tasks = long(chunksOf(job.frames, job.chunk).size());
+  const std::vector<std::string> chunks = chunkTexts(job.frames, job.chunk);
+  const std::size_t tasks = chunks.size();
   std::ostringstream s;
   s << "#!/bin/bash\n"
-    << "# vorel farm: frames " << rangeText(job.frames) << " in " << tasks << " task"
+    << "# vorel farm: frames " << frameRangeText(job.frames) << " in " << tasks << " task"
     << (tasks == 1 ? "" : "s") << " of up to " << job.chunk << " frame" << (job.chunk == 1 ? "" : "s")
     << ". Submitting this script again renders only the frames still missing.\n"
     << "#SBATCH --job-name=" << job.jobName << "\n"
@@ -360,12 +313,15 @@ std::string jobScript(const FarmJob& job) {
     s << "#SBATCH --time=" << directiveValue(job.timeLimit) << "\n";
   if (job.cpusPerTask)
     s << "#SBATCH --cpus-per-task=" << job.cpusPerTask << "\n";
+  // The chunks are written out as --frames texts rather than worked out in bash, so any list
+  // vorel render takes splits the same way; task i takes the i-th.
   s << "set -eu\n"
     << "task=${SLURM_ARRAY_TASK_ID:?submit this script with sbatch}\n"
-    << "first=$(( " << job.frames.first << " + task * " << job.chunk * job.frames.step << " ))\n"
-    << "last=$(( first + " << (job.chunk - 1) * job.frames.step << " ))\n"
-    << "if [ \"$last\" -gt " << job.frames.last << " ]; then last=" << job.frames.last << "; fi\n"
-    << "frames=\"$first-${last}" << (job.frames.step != 1 ? "x" + std::to_string(job.frames.step) : "") << "\"\n"
+    << "chunks=(\n";
+  for (const std::string& chunk : chunks)
+    s << "  " << quoted(chunk) << "\n";
+  s << ")\n"
+    << "frames=${chunks[$task]:?no such task in this job}\n"
     << "echo \"vorel farm: task $task renders frames $frames on $(hostname)\"\n"
     << "exec " << quoted(job.program) << " render";
   if (!job.input.empty())
@@ -380,46 +336,35 @@ std::string jobScript(const FarmJob& job) {
 }
 
 int farmMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-  const std::string program = "vorel";
   const std::string command = argc > 1 ? argv[1] : "";
   if (command == "-h" || command == "--help") {
     out << kSubmitHelp << "\n";
     return kExitOk;
   }
-  if (command != "submit") {
-    err << program << ": farm: " << (command.empty() ? "no command" : "unknown command '" + command + "'")
-        << " (farm commands: submit; see vorel farm submit --help)\n";
-    return kExitUsage;
-  }
-  try {
-    SubmitRequest request = readSubmitArguments(std::vector<std::string>(argv + 2, argv + argc));
-    if (request.help) {
-      out << kSubmitHelp << "\n";
-      return kExitOk;
-    }
-    completeJob(request);
-    const FarmJob& job = request.job;
-    const std::string script = jobScript(job);
-    if (request.dryRun) {
-      out << script;
-      return kExitOk;
-    }
-    const std::string path = job.logDir + "/" + job.jobName + ".sbatch";
-    writeScript(path, script);
-    const std::string id = submit(request.sbatch, path);
-    const long tasks = long(chunksOf(job.frames, job.chunk).size());
-    out << id << "\n";
-    err << program << ": submitted job " << id << ": frames " << rangeText(job.frames) << " in "
-        << tasks << " task" << (tasks == 1 ? "" : "s") << "; script " << path << ", logs "
-        << job.logDir << "/" << job.jobName << "-" << id << "_*.log\n";
+  if (command != "submit")
+    throw UsageError("farm: " + (command.empty() ? "no command" : "unknown command '" + command + "'") +
+                     " (farm commands: submit; see vorel farm submit --help)");
+  SubmitRequest request = readSubmitArguments(std::vector<std::string>(argv + 2, argv + argc));
+  if (request.help) {
+    out << kSubmitHelp << "\n";
     return kExitOk;
-  } catch (const AppError& e) {
-    err << program << ": " << e.what() << "\n";
-    return e.status();
-  } catch (const std::exception& e) {
-    err << program << ": " << e.what() << "\n";
-    return kExitRender;
   }
+  completeJob(request);
+  const FarmJob& job = request.job;
+  const std::string script = jobScript(job);
+  if (request.dryRun) {
+    out << script;
+    return kExitOk;
+  }
+  const std::string path = job.logDir + "/" + job.jobName + ".sbatch";
+  writeScript(path, script);
+  const std::string id = submit(request.sbatch, path);
+  const std::size_t tasks = chunkTexts(job.frames, job.chunk).size();
+  out << id << "\n";
+  err << "vorel: submitted job " << id << ": frames " << frameRangeText(job.frames) << " in " << tasks
+      << " task" << (tasks == 1 ? "" : "s") << "; script " << path << ", logs " << job.logDir << "/"
+      << job.jobName << "-" << id << "_*.log\n";
+  return kExitOk;
 }
 
 }  // namespace vorelapp

@@ -131,18 +131,37 @@ std::vector<int> parseFrames(const std::string& text) {
   return frames;
 }
 
-std::string frameListText(const std::vector<int>& frames) {
+namespace {
+
+// Runs of frames rising by one step: with `steps`, any step of three frames or more; without,
+// only consecutive frames.
+std::string runsText(const std::vector<int>& frames, bool steps, const char* separator) {
   std::string s;
   for (std::size_t i = 0; i < frames.size();) {
+    const long step = i + 1 < frames.size() ? long(frames[i + 1]) - frames[i] : 0;
     std::size_t j = i;
-    while (j + 1 < frames.size() && frames[j + 1] == frames[j] + 1)
-      ++j;
-    s += (s.empty() ? "" : ", ") + std::to_string(frames[i]);
+    if (step == 1 || (steps && step > 1)) {
+      while (j + 1 < frames.size() && long(frames[j + 1]) - frames[j] == step)
+        ++j;
+      if (step > 1 && j < i + 2)
+        j = i;
+    }
+    s += (s.empty() ? "" : separator) + std::to_string(frames[i]);
     if (j > i)
-      s += "-" + std::to_string(frames[j]);
+      s += "-" + std::to_string(frames[j]) + (step > 1 ? "x" + std::to_string(step) : "");
     i = j + 1;
   }
   return s;
+}
+
+}  // namespace
+
+std::string frameListText(const std::vector<int>& frames) {
+  return runsText(frames, false, ", ");
+}
+
+std::string frameRangeText(const std::vector<int>& frames) {
+  return runsText(frames, true, ",");
 }
 
 }  // namespace vorelapp

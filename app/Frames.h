@@ -23,4 +23,8 @@ std::vector<int> parseFrames(const std::string& text);
 // "1001-1003, 1007": frames as a short text, runs of consecutive frames joined.
 std::string frameListText(const std::vector<int>& frames);
 
+// "1001-1009x2,1020": frames as a range that parseFrames reads back as the same list in the same
+// order, runs of three or more frames at one step joined.
+std::string frameRangeText(const std::vector<int>& frames);
+
 }  // namespace vorelapp

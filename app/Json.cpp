@@ -4,10 +4,9 @@
 #include <cstdio>
 #include <sstream>
 
-#include "DDImage/Host.h"
-#include "app/Knobs.h"
+#include "app/KnobRecords.h"
 
-using namespace DD::Image;
+using DD::Image::Op;
 
 namespace vorelapp {
 
@@ -31,25 +30,17 @@ std::string stringArray(const std::vector<std::string>& items) {
 
 // The default as JSON: numbers as numbers (arrays for several), switches as booleans, the rest
 // (entries, channels) as the text `--set` takes.
-std::string defaultValue(const Knob& k) {
-  switch (k.kind()) {
-    case INT_KNOB: return number(k.get_value());
-    case BOOL_KNOB: return k.get_value() != 0.0 ? "true" : "false";
-    case FLOAT_KNOB:
-    case COLOR_KNOB: {
-      if (k.arraySize() <= 1)
-        return number(k.get_value());
-      std::string s = "[";
-      for (int i = 0; i < k.arraySize(); ++i)
-        s += (i ? "," : "") + number(k.get_value(i));
-      return s + "]";
-    }
-    default: return jsonString(valueText(k));
-  }
-}
-
-std::string tabOf(const Knob* k, const std::string& tab) {
-  return k->kind() == TAB_KNOB ? k->label() : tab;
+std::string defaultValue(const KnobRecord& k) {
+  if (k.isSwitch)
+    return k.defaultNumbers.at(0) != 0.0 ? "true" : "false";
+  if (k.defaultNumbers.empty())
+    return jsonString(k.defaultText);
+  if (k.defaultNumbers.size() == 1)
+    return number(k.defaultNumbers[0]);
+  std::string s = "[";
+  for (std::size_t i = 0; i < k.defaultNumbers.size(); ++i)
+    s += (i ? "," : "") + number(k.defaultNumbers[i]);
+  return s + "]";
 }
 
 }  // namespace
@@ -78,28 +69,22 @@ std::string jsonString(const std::string& text) {
 
 std::string knobsJson(const Op& op) {
   std::string s = "[";
-  std::string tab;
   bool first = true;
-  for (const Knob* k : host::knobs(op)) {
-    tab = tabOf(k, tab);
-    if (k->kind() == TAB_KNOB || k->kind() == TEXT_KNOB || k->name().empty())
-      continue;
+  for (const KnobRecord& k : knobRecords(op)) {
     s += first ? "\n" : ",\n";
     first = false;
-    s += "{\"name\":" + jsonString(k->name()) + ",\"label\":" + jsonString(k->label()) +
-         ",\"kind\":" + jsonString(kindName(k->kind())) + ",\"tab\":" + jsonString(tab) +
-         ",\"default\":" + defaultValue(*k) + ",\"size\":" + std::to_string(k->arraySize());
+    s += "{\"name\":" + jsonString(k.name) + ",\"label\":" + jsonString(k.label) +
+         ",\"kind\":" + jsonString(k.kind) + ",\"tab\":" + jsonString(k.tab) +
+         ",\"default\":" + defaultValue(k) + ",\"size\":" + std::to_string(k.size);
     s += ",\"range\":";
-    if (k->hasRange())
-      s += "{\"min\":" + number(k->rangeMin()) + ",\"max\":" + number(k->rangeMax()) +
-           ",\"clamped\":" + (k->flag(Knob::FORCE_RANGE) ? "true" : "false") + "}";
+    if (k.range)
+      s += "{\"min\":" + number(k.range->min) + ",\"max\":" + number(k.range->max) +
+           ",\"clamped\":" + (k.range->clamped ? "true" : "false") + "}";
     else
       s += "null";
-    s += ",\"entries\":" + (k->kind() == ENUMERATION_KNOB ? stringArray(k->enumerationEntries())
-                                                          : std::string("null"));
-    s += ",\"input\":" +
-         (k->kind() == CHANNEL_KNOB ? std::to_string(k->inputNumber()) : std::string("null"));
-    s += ",\"tooltip\":" + jsonString(k->tooltip()) + "}";
+    s += ",\"entries\":" + (k.entries ? stringArray(*k.entries) : std::string("null"));
+    s += ",\"input\":" + (k.input ? std::to_string(*k.input) : std::string("null"));
+    s += ",\"tooltip\":" + jsonString(k.tooltip) + "}";
   }
   return s + "\n]";
 }

@@ -81,18 +81,12 @@ FrameRecord renderFrame(const Shot& shot, std::size_t index, const ShotReport& r
         report.rows(index, count, done, total, seconds, rowSeconds);
       };
     record.summary = render(o, r);
-  } catch (const AppError& e) {
-    if (!record.numbered)
-      throw;
-    record.status = FrameRecord::Failed;
-    record.error = e.what();
-    record.exitStatus = e.status();
   } catch (const std::exception& e) {
     if (!record.numbered)
       throw;
     record.status = FrameRecord::Failed;
     record.error = e.what();
-    record.exitStatus = kExitRender;
+    record.exitStatus = exitStatusOf(e);
   }
   return record;
 }

@@ -29,76 +29,13 @@
 #include "app/ImageFiles.h"
 #include "app/Knobs.h"
 #include "app/Render.h"
+#include "support/RunVorel.h"
 
 namespace fs = std::filesystem;
 using namespace vorelapp;
-using Names = std::vector<std::string>;
+using namespace vorelapp::test;
 
 namespace {
-
-// A directory of its own per test, removed afterwards.
-struct TempDir {
-  const fs::path path =
-      fs::temp_directory_path() /
-      ("vorel_cli_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
-       "_" + std::to_string(::getpid()));
-  TempDir() {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-  // Names of everything in the directory, to see that nothing was left behind.
-  Names entries() const {
-    Names names;
-    for (const auto& e : fs::directory_iterator(path))
-      names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-};
-
-Names operator+(Names a, const Names& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-Outcome vorel(const Names& args) {
-  std::vector<const char*> argv = {"vorel"};
-  for (const std::string& a : args)
-    argv.push_back(a.c_str());
-  std::ostringstream out, err;
-  const int code = vorelMain(int(argv.size()), argv.data(), out, err, false);
-  return {code, out.str(), err.str()};
-}
-
-std::string bytes(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
-
-// The built program, as a user runs it (the temporary paths need no quoting).
-Outcome vorelBinary(const Names& args, const TempDir& dir) {
-  std::string command = VOREL_BINARY;
-  for (const std::string& a : args)
-    command += " '" + a + "'";
-  const int status =
-      std::system((command + " >" + dir / "out.txt" + " 2>" + dir / "err.txt").c_str());
-  Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, bytes(dir / "out.txt"),
-            bytes(dir / "err.txt")};
-  fs::remove(dir / "out.txt");
-  fs::remove(dir / "err.txt");
-  return r;
-}
 
 // A render that has to succeed, read back. It throws otherwise, which fails the calling test
 // before it reads planes that are not there.

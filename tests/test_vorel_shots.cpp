@@ -5,8 +5,6 @@
 
 #include <OpenImageIO/imageio.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -20,66 +18,15 @@
 #include "app/Cli.h"
 #include "app/Frames.h"
 #include "app/ImageFiles.h"
+#include "support/RunVorel.h"
 
 namespace fs = std::filesystem;
 using namespace vorelapp;
-using Names = std::vector<std::string>;
+using namespace vorelapp::test;
 using OIIO::ImageSpec;
 using OIIO::TypeDesc;
 
 namespace {
-
-struct TempDir {
-  const fs::path path =
-      fs::temp_directory_path() /
-      ("vorel_shots_" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) +
-       "_" + std::to_string(::getpid()));
-  TempDir() {
-    fs::remove_all(path);
-    fs::create_directories(path);
-  }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-};
-
-std::string bytes(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
-
-struct Outcome {
-  int code;
-  std::string out, err;
-};
-
-// vorel run in `dir` (relative paths are the directory's), as the built program when `binary`,
-// else in this process through the same entry, which is quicker: the program's start-up
-// (OpenImageIO's) costs about as much as a small shot frame.
-Outcome vorel(const TempDir& dir, const Names& args, bool binary = false, bool terminal = false) {
-  if (binary) {
-    std::string command = "cd '" + dir.path.string() + "' && " + VOREL_BINARY;
-    for (const std::string& a : args)
-      command += " '" + a + "'";
-    const int status = std::system((command + " >.out 2>.err").c_str());
-    Outcome r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, bytes(dir / ".out"), bytes(dir / ".err")};
-    fs::remove(dir / ".out");
-    fs::remove(dir / ".err");
-    return r;
-  }
-  const fs::path back = fs::current_path();
-  fs::current_path(dir.path);
-  std::vector<const char*> argv = {"vorel"};
-  for (const std::string& a : args)
-    argv.push_back(a.c_str());
-  std::ostringstream out, err;
-  const int code = vorelMain(int(argv.size()), argv.data(), out, err, terminal);
-  fs::current_path(back);
-  return {code, out.str(), err.str()};
-}
 
 // Lines of `text` holding `what`.
 std::size_t count(const std::string& text, const std::string& what) {
@@ -149,11 +96,6 @@ bool samePixels(const std::string& a, const std::string& b) {
 const Names kBlur = {"--set", "max_kernelsize=12", "--set", "multiplier=6", "--set",
                      "focusRegionSize=20", "--threads", "2"};
 
-Names operator+(Names a, const Names& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -178,6 +120,11 @@ TEST(Frames, PatternsAndRangesAsCompositorsWriteThem) {
   for (const char* bad : {"", "a", "5-1", "1-5x0", "1-5x", "1-", "1-2000000000", "1;2"})
     EXPECT_THROW(parseFrames(bad), UsageError) << bad;
   EXPECT_EQ(frameListText({1001, 1002, 1003, 1007, 1009, 1010}), "1001-1003, 1007, 1009-1010");
+  // A range text reads back as the frames it was made from, order kept.
+  for (const std::vector<int>& frames : std::vector<std::vector<int>>{
+           {1001, 1003, 1005, 1006, 1007, 1020}, {-3, -2, -1, 5, 9}, {30, 1, 3, 5, 2}, {7}})
+    EXPECT_EQ(parseFrames(frameRangeText(frames)), frames) << frameRangeText(frames);
+  EXPECT_EQ(frameRangeText({1001, 1003, 1005, 1006, 1007, 1020}), "1001-1005x2,1006-1007,1020");
 }
 
 TEST(Frames, KeysAreLinearBetweenAndHeldOutside) {

@@ -15,6 +15,7 @@
 #include "app/ArrayRender.h"
 #include "app/Cli.h"
 #include "app/ImageFiles.h"
+#include "app/KnobRecords.h"
 #include "app/Knobs.h"
 
 namespace py = pybind11;
@@ -183,22 +184,17 @@ std::string renderFile(const py::object& input, const py::object& output, const 
 }
 
 py::list knobList() {
-  using namespace DD::Image;
   py::list list;
-  const auto node = makeNode();
-  for (const Knob* k : host::knobs(*node)) {
-    if (k->kind() == TAB_KNOB || k->kind() == TEXT_KNOB)
-      continue;
+  for (const KnobRecord& k : knobRecords(*makeNode())) {
     py::dict d;
-    d["name"] = k->name();
-    d["label"] = k->label();
-    d["kind"] = kindName(k->kind());
-    d["default"] = valueText(*k);
-    d["range"] = k->hasRange() ? py::object(py::make_tuple(k->rangeMin(), k->rangeMax())) : py::none();
-    d["clamped"] = k->hasRange() && k->flag(Knob::FORCE_RANGE);
-    d["entries"] = k->kind() == ENUMERATION_KNOB ? py::object(py::cast(k->enumerationEntries()))
-                                                 : py::none();
-    d["tooltip"] = k->tooltip();
+    d["name"] = k.name;
+    d["label"] = k.label;
+    d["kind"] = k.kind;
+    d["default"] = k.defaultText;
+    d["range"] = k.range ? py::object(py::make_tuple(k.range->min, k.range->max)) : py::none();
+    d["clamped"] = k.range && k.range->clamped;
+    d["entries"] = k.entries ? py::object(py::cast(*k.entries)) : py::none();
+    d["tooltip"] = k.tooltip;
     list.append(d);
   }
   return list;
