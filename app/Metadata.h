@@ -52,7 +52,7 @@ SavedSettings readSavedSettings(const std::string& path);
 void addVorelAttributes(ExrHeader& header, const std::string& settings, const std::string& camera);
 
 // Sets `spec`'s attributes, compression, line order and channel formats from the header. The
-// writer calls it with the spec already holding the windows and channel names.
+// writer calls it with the ImageSpec already holding the windows and channel names.
 void applyExrHeader(OIIO::ImageSpec& spec, const ExrHeader& header);
 
 // A multi-part output: opens every part and writes the input's parts before the rendered one,
