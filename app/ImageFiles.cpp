@@ -1,6 +1,7 @@
 #include "app/ImageFiles.h"
 
 #include <OpenImageIO/deepdata.h>
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
 #include <OpenImageIO/imageio.h>
@@ -19,6 +20,7 @@
 #include <system_error>
 
 #include "app/AppError.h"
+#include "app/Output.h"
 
 namespace fs = std::filesystem;
 using OIIO::ImageSpec;
@@ -47,6 +49,13 @@ std::string oiioError(const std::string& fallback) {
   std::string e = OIIO::geterror();
   if (e.empty())
     e = fallback;
+  std::replace(e.begin(), e.end(), '\n', ' ');
+  while (!e.empty() && e.back() == ' ')
+    e.pop_back();
+  return e;
+}
+
+std::string oneLine(std::string e) {
   std::replace(e.begin(), e.end(), '\n', ' ');
   while (!e.empty() && e.back() == ' ')
     e.pop_back();
@@ -89,61 +98,20 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The temporary file being written, if any, for the signal handler. A plain buffer: the handler
-// may only call async-signal-safe functions.
-char g_pendingTemp[4096];
-volatile std::sig_atomic_t g_hasPendingTemp = 0;
-
-extern "C" void removePendingTempAndDie(int sig) {
-  if (g_hasPendingTemp)
-    ::unlink(g_pendingTemp);
-  std::signal(sig, SIG_DFL);
-  std::raise(sig);
-}
-
-// Writes through a temporary file beside the final path and renames it into place when done.
-class TemporaryFile {
-public:
-  explicit TemporaryFile(const std::string& finalPath) : final_(finalPath) {
-    fs::path p(finalPath);
-    fs::path dir = p.parent_path();
-    temp_ = (dir / ("." + p.filename().string() + ".vorel-" + std::to_string(::getpid()) + ".tmp"))
-                .string();
-    if (temp_.size() < sizeof g_pendingTemp) {
-      std::memcpy(g_pendingTemp, temp_.c_str(), temp_.size() + 1);
-      g_hasPendingTemp = 1;
-    }
-  }
-  ~TemporaryFile() {
-    g_hasPendingTemp = 0;
-    if (!committed_) {
-      std::error_code ec;
-      fs::remove(temp_, ec);
-    }
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-  const std::string& path() const { return temp_; }
-
-  void commit() {
-    std::error_code ec;
-    fs::rename(temp_, final_, ec);
-    if (ec)
-      throw RenderError("cannot write " + final_ + ": " + ec.message());
-    committed_ = true;
-    g_hasPendingTemp = 0;
-  }
-
-private:
-  std::string final_, temp_;
-  bool committed_ = false;
-};
-
+// A writer for the kind of file `finalPath` names, encoding into `bytes` rather than a file, so
+// that every byte reaches the disk through writes that are checked.
 std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
   auto out = OIIO::ImageOutput::create(finalPath);
   if (!out)
     throw RenderError("cannot write " + finalPath + ": " + oiioError("unsupported file type"));
+  return out;
+}
+
+std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath,
+                                                OIIO::Filesystem::IOVecOutput& bytes) {
+  auto out = createOutput(finalPath);
+  if (!out->supports("ioproxy") || !out->set_ioproxy(&bytes))
+    throw RenderError("cannot write " + finalPath + ": the file type cannot be encoded in memory");
   return out;
 }
 
@@ -383,9 +351,10 @@ ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int heigh
 
 }  // namespace
 
-void writeExr(const std::string& path, const FlatImage& image) {
-  checkDirectory(path);
-  auto out = createOutput(path);
+FileBytes encodeExr(const std::string& path, const FlatImage& image) {
+  FileBytes bytes;
+  OIIO::Filesystem::IOVecOutput proxy(bytes);
+  auto out = createOutput(path, proxy);
   const int nch = int(image.channels.size());
   ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()), std::max(1, image.box.h()),
                                 image.channels);
@@ -393,8 +362,7 @@ void writeExr(const std::string& path, const FlatImage& image) {
   spec.z_channel = image.channelIndex("Z");
   spec.attribute("compression", "zip");
 
-  TemporaryFile temp(path);
-  if (!out->open(temp.path(), spec))
+  if (!out->open(path, spec))
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   const std::size_t w = std::size_t(std::max(0, image.box.w()));
   const int band = 64;
@@ -421,13 +389,21 @@ void writeExr(const std::string& path, const FlatImage& image) {
   ok = ok && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
-  out.reset();
-  temp.commit();
+  return bytes;
 }
 
-void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
-                       int blue, int alpha) {
-  checkDirectory(path);
+Rect quickLookWindow(const FlatImage& image) {
+  const double format = double(image.format.w()) * double(image.format.h());
+  const double data = double(std::max(0, image.box.w())) * double(std::max(0, image.box.h()));
+  // A display window far larger than the pixels the image holds would make a quick look of
+  // mostly black at any cost in memory; the data window is what there is to look at.
+  if (format > std::max(4.0 * data, double(kQuickLookPixels)) && !image.box.empty())
+    return image.box;
+  return image.format;
+}
+
+FileBytes encodeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                             int blue, int alpha) {
   const std::string ext = lower(fs::path(path).extension().string());
   const bool jpeg = ext == ".jpg" || ext == ".jpeg";
   const bool tiff = ext == ".tif" || ext == ".tiff";
@@ -445,7 +421,7 @@ void writeDisplayImage(const std::string& path, const FlatImage& image, int red,
     source.push_back(alpha);
   const int nch = int(source.size());
 
-  const Rect& f = image.format;
+  const Rect f = quickLookWindow(image);
   ImageSpec spec(std::max(1, f.w()), std::max(1, f.h()), nch, TypeDesc::FLOAT);
   if (withAlpha)
     spec.alpha_channel = nch - 1;
@@ -473,17 +449,23 @@ void writeDisplayImage(const std::string& path, const FlatImage& image, int red,
   OIIO::ImageBuf display;
   if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", withAlpha))
     throw RenderError("cannot write " + path + ": " + display.geterror());
-  display.set_write_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
 
-  TemporaryFile temp(path);
-  std::string format = ext.substr(1);
-  if (!display.write(temp.path(), TypeDesc::UNKNOWN, format))
-    throw RenderError("cannot write " + path + ": " + display.geterror());
-  temp.commit();
+  FileBytes bytes;
+  OIIO::Filesystem::IOVecOutput proxy(bytes);
+  auto out = createOutput(path, proxy);
+  ImageSpec fileSpec = display.spec();
+  fileSpec.set_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
+  const bool ok = out->open(path, fileSpec) && display.write(out.get()) && out->close();
+  if (!ok) {
+    const std::string e = out->geterror() + display.geterror();
+    throw RenderError("cannot write " + path + ": " + oneLine(e.empty() ? "encoding failed" : e));
+  }
+  return bytes;
 }
 
-void writeDeepExr(const std::string& path, const DeepImage& image) {
-  checkDirectory(path);
+// OpenImageIO writes deep files only to a file of its own, so the file is encoded beside the
+// output, decoded again in full to be sure it is whole, and then staged like any other.
+FileBytes encodeDeepExr(const std::string& path, const DeepImage& image) {
   auto out = createOutput(path);
   if (!out->supports("deepdata"))
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
@@ -513,30 +495,51 @@ void writeDeepExr(const std::string& path, const DeepImage& image) {
           dd.set_deep_value(p, c, int(s), image.sample(x, y, s)[c]);
     }
 
-  TemporaryFile temp(path);
-  bool ok = out->open(temp.path(), spec) && out->write_deep_image(dd) && out->close();
+  ScratchFile scratch(path);
+  const bool ok = out->open(scratch.path(), spec) && out->write_deep_image(dd) && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   out.reset();
-  temp.commit();
+  OIIO::DeepData check;
+  auto in = OIIO::ImageInput::open(scratch.path());
+  if (!in || !in->read_native_deep_image(0, 0, check) || check.pixels() != dd.pixels())
+    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
+  in.reset();
+  return scratch.bytes();
+}
+
+void writeExr(const std::string& path, const FlatImage& image) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeExr(path, image));
+}
+
+void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                       int blue, int alpha) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+}
+
+void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image, int red,
+                  int green, int blue, int alpha) {
+  OutputBatch batch;
+  for (const std::string& path : paths) {
+    checkDirectory(path);
+    if (fileKindFor(path) == FileKind::Exr)
+      batch.stage(path, encodeExr(path, image));
+    else
+      batch.stage(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+  }
+  batch.commit();
+}
+
+void writeDeepExr(const std::string& path, const DeepImage& image) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeDeepExr(path, image));
 }
 
 void writeTextFile(const std::string& path, const std::string& text) {
   checkDirectory(path);
-  TemporaryFile temp(path);
-  {
-    std::ofstream f(temp.path(), std::ios::binary);
-    f << text;
-    f.close();
-    if (!f)
-      throw RenderError("cannot write " + path);
-  }
-  temp.commit();
-}
-
-void installInterruptCleanup() {
-  for (int sig : {SIGINT, SIGTERM, SIGHUP})
-    std::signal(sig, removePendingTempAndDie);
+  writeFileAtomically(path, FileBytes(text.begin(), text.end()));
 }
 
 }  // namespace vorelapp

@@ -85,7 +85,8 @@ FileKind fileKindFor(const std::string& path);
 // A 32-bit float EXR: the format as display window, the box as data window.
 void writeExr(const std::string& path, const FlatImage& image);
 
-// 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only, 0 outside the box.
+// 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only (see quickLookWindow),
+// 0 outside the box.
 // red/green/blue/alpha are channel indices of `image`, -1 where absent; with none of the three
 // colours, the first channel is written as grey.
 void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
@@ -97,12 +98,17 @@ void writeDeepExr(const std::string& path, const DeepImage& image);
 // A small text file (a preset).
 void writeTextFile(const std::string& path, const std::string& text);
 
-// Every writer writes through a temporary file beside `path` and renames it over `path` only
-// when the file is complete. If writing fails or the process is interrupted by a signal, the
-// temporary file is removed and `path` is left as it was. Failures throw RenderError.
+// Every writer encodes the file in memory and writes it through app/Output.h: complete or not
+// at all, an existing file left as it was on failure. Failures throw RenderError.
 
-// Installs handlers for SIGINT, SIGTERM and SIGHUP that remove a temporary output file still
-// being written, then end the process as the signal would have.
-void installInterruptCleanup();
+// All of `paths` from one image, each by its kind (.exr, or a quick look): every file replaced,
+// or none.
+void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image, int red,
+                  int green, int blue, int alpha);
+
+// A quick look covers the display window unless that is larger than this many pixels and more
+// than four times the data window, when it covers the data window.
+constexpr long kQuickLookPixels = 4096L * 4096L;
+Rect quickLookWindow(const FlatImage& image);
 
 }  // namespace vorelapp

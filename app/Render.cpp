@@ -465,13 +465,8 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
         return int(c);
     return -1;
   };
-  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
-    if (kinds[i] == FileKind::Exr)
-      writeExr(o.outputs[i], out);
-    else
-      writeDisplayImage(o.outputs[i], out, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
-                        index(Chan_Alpha));
-  }
+  writeOutputs(o.outputs, out, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
+               index(Chan_Alpha));
 
   RenderSummary summary;
   summary.width = box.w();

@@ -3,7 +3,7 @@
 #include <iostream>
 
 #include "app/Cli.h"
-#include "app/ImageFiles.h"
+#include "app/Output.h"
 
 int main(int argc, char** argv) {
   vorelapp::installInterruptCleanup();
