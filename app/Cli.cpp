@@ -9,6 +9,7 @@
 #include "app/AppError.h"
 #include "app/DemoScene.h"
 #include "app/Render.h"
+#include "node/Panel.h"
 
 namespace vorelapp {
 
@@ -55,11 +56,16 @@ Exit status: 0 done, 1 the render failed, 2 a bad command line, file, knob or va
 
 }  // namespace
 
+std::string versionLine() {
+  return std::string("vorel ") + VOREL_VERSION + " (tzVorel node " + vorel::versionText() + ")";
+}
+
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal) {
   CLI::App app("vorel: renders the tzVorel lens-defocus node over image files", "vorel");
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help for every command");
+  app.set_version_flag("--version", versionLine());
 
   RenderOptions options;
   std::string camera;
@@ -95,9 +101,22 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
   renderCmd->add_option("--channels", options.channels,
                         "Channels to render, e.g. rgba or R,G,B,Z (default: all of input 0's)")
       ->type_name("LIST");
-  renderCmd->add_option("--threads", options.threads, "Threads (default: every core)")
-      ->check(CLI::Range(0u, 1024u));
+  renderCmd->add_option("--threads", options.threads,
+                        "Threads (default: every core; at most 4 per core are used)");
   renderCmd->add_flag("-q,--quiet", quiet, "Print errors only");
+  renderCmd->add_option("--layer", options.layer,
+                        "Layer of INPUT to render: its Combined pass and its Depth.Z "
+                        "(e.g. ViewLayer); the only one is picked by itself")
+      ->type_name("NAME");
+  renderCmd->add_option("--part", options.part, "Part of a multi-part INPUT, by name or index")
+      ->type_name("NAME|INDEX");
+  renderCmd->add_option("--bad-pixels", options.badPixels,
+                        "NaN and infinite input values: keep (as the node defines them) or zero")
+      ->type_name("keep|zero");
+  renderCmd->add_option("--max-memory", options.maxMemory,
+                        "Refuse images whose pixels need more (e.g. 8G); default: the memory "
+                        "available")
+      ->type_name("SIZE");
 
   CLI::App* knobsCmd =
       app.add_subcommand("knobs", "List every knob: name, label, kind, default, range, entries");
@@ -130,6 +149,9 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
     return app.exit(e, out, err);
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e, out, err);
+  } catch (const CLI::CallForVersion& e) {
+    out << e.what() << "\n";
+    return kExitOk;
   } catch (const CLI::ParseError& e) {
     std::string what = e.what();
     for (char& c : what)

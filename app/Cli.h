@@ -3,8 +3,12 @@
 // exit status (0 done, 1 the render failed, 2 the command line asked for something impossible).
 
 #include <ostream>
+#include <string>
 
 namespace vorelapp {
+
+// "vorel 1.4.3 (tzVorel node 1.4.3)", what `vorel --version` prints.
+std::string versionLine();
 
 // `errIsTerminal` turns the progress bar on (unless --quiet).
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,

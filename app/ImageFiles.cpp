@@ -16,10 +16,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <numeric>
 #include <system_error>
 
 #include "app/AppError.h"
+#include "app/InputChecks.h"
 #include "app/Output.h"
 
 namespace fs = std::filesystem;
@@ -69,28 +71,47 @@ std::string inputError(T& in) {
   return e.empty() ? oiioError("unknown error") : e;
 }
 
+std::map<std::string, std::string>& chosenParts() {
+  static std::map<std::string, std::string> parts;
+  return parts;
+}
+
+// The part chosen for the file, by index or by name.
+void seekPart(OIIO::ImageInput& in, const std::string& path) {
+  const auto it = chosenParts().find(path);
+  if (it == chosenParts().end())
+    return;
+  const std::vector<std::string> names = partNames(path);
+  int index = -1;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    if (names[i] == it->second)
+      index = int(i);
+  char* end = nullptr;
+  const long n = std::strtol(it->second.c_str(), &end, 10);
+  if (index < 0 && !it->second.empty() && *end == '\0' && n >= 0 && n < long(names.size()))
+    index = int(n);
+  if (index < 0) {
+    std::string list;
+    for (std::size_t i = 0; i < names.size(); ++i)
+      list += (i ? ", " : "") + std::to_string(i) + " '" + names[i] + "'";
+    throw UsageError("--part: " + path + " has no part '" + it->second + "' (it has " + list + ")");
+  }
+  if (!in.seek_subimage(index, 0))
+    throw UsageError("cannot read part " + it->second + " of " + path + ": " + inputError(in));
+}
+
 std::unique_ptr<OIIO::ImageInput> openInput(const std::string& path) {
-  std::error_code ec;
-  if (!fs::exists(path, ec))
-    throw UsageError("no such file: " + path);
-  if (fs::is_directory(path, ec))
-    throw UsageError(path + " is a directory, not an image");
+  requireRegularFile(path);
   auto in = OIIO::ImageInput::open(path);
   if (!in)
     throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  seekPart(*in, path);
   const ImageSpec& spec = in->spec();
   if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || spec.depth > 1)
     throw UsageError("cannot read " + path + ": not a 2D image with channels");
   return in;
 }
 
-// NaNs are counted, not replaced: the node gives them a meaning of its own (a NaN depth is
-// infinitely far), and a renderer that rewrote them would change the result.
-float countNaN(float v, std::size_t& nans) {
-  if (std::isnan(v))
-    ++nans;
-  return v;
-}
 
 std::string lower(std::string s) {
   for (char& c : s)
@@ -143,6 +164,36 @@ int DeepImage::channelIndex(const std::string& name) const {
   return -1;
 }
 
+std::vector<std::string> partNames(const std::string& path) {
+  requireRegularFile(path);
+  auto in = OIIO::ImageInput::open(path);
+  if (!in)
+    throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  std::vector<std::string> names;
+  for (int i = 0; in->seek_subimage(i, 0); ++i) {
+    const std::string name = in->spec().get_string_attribute("name");
+    names.push_back(name.empty() ? std::to_string(i) : name);
+  }
+  return names;
+}
+
+void choosePart(const std::string& path, const std::string& part) {
+  chosenParts()[path] = part;
+}
+
+std::string partsNote(const std::string& path) {
+  if (chosenParts().count(path))
+    return "";
+  const std::vector<std::string> names = partNames(path);
+  if (names.size() < 2)
+    return "";
+  std::string list;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    list += (i ? ", " : "") + std::to_string(i) + " '" + names[i] + "'";
+  return path + " has " + std::to_string(names.size()) + " parts (" + list +
+         "); reading part 0; choose one with --part NAME or INDEX";
+}
+
 bool isDeepFile(const std::string& path) {
   auto in = openInput(path);
   return in->spec().deep;
@@ -158,6 +209,7 @@ FlatImage readFlatHeader(const std::string& path) {
   image.box = dataWindow(spec, image.format);
   image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
   image.channels.resize(std::size_t(spec.nchannels));
+  checkImageFits(path, spec.width, spec.height, spec.nchannels, 2);
   for (std::size_t c = 0; c < image.channels.size(); ++c)
     if (image.channels[c].empty())
       image.channels[c] = "channel" + std::to_string(c);
@@ -165,7 +217,7 @@ FlatImage readFlatHeader(const std::string& path) {
 }
 
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    std::size_t* nanCount) {
+                    BadPixelCount* badCount) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (spec.deep)
@@ -176,7 +228,13 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
   const Rect format = displayWindow(spec);
   const Rect box = dataWindow(spec, format);
   const std::size_t w = std::size_t(spec.width);
-  std::size_t nans = 0;
+  BadPixelCount count;
+  std::vector<std::string> names(spec.channelnames.begin(), spec.channelnames.end());
+  names.resize(std::size_t(nch));
+  count.resize(names);
+  std::vector<char> depth(static_cast<std::size_t>(nch));
+  for (int c = 0; c < nch; ++c)
+    depth[std::size_t(c)] = isDepthName(names[std::size_t(c)]);
   auto scatter = [&](const float* src, int fileY0, int fileY1) {
     for (int fy = fileY0; fy < fileY1; ++fy) {
       const std::size_t row = std::size_t(flipY(format, fy) - box.y) * w;
@@ -184,7 +242,7 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
       for (int c = 0; c < nch; ++c) {
         float* dst = planes[std::size_t(c)] + row;
         for (std::size_t i = 0; i < w; ++i)
-          dst[i] = countNaN(line[i * nch + c], nans);
+          dst[i] = readValue(line[i * nch + c], std::size_t(c), depth[std::size_t(c)], count);
       }
     }
   };
@@ -196,20 +254,22 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
     std::vector<float> buffer(w * nch * band);
     for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
       const int end = std::min(fy + band, spec.y + spec.height);
-      ok = in->read_scanlines(0, 0, fy, end, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+      ok = in->read_scanlines(in->current_subimage(), 0, fy, end, 0, 0, nch, TypeDesc::FLOAT,
+                              buffer.data());
       if (ok)
         scatter(buffer.data(), fy, end);
     }
   } else {
     std::vector<float> buffer(w * std::size_t(spec.height) * nch);
-    ok = in->read_image(0, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+    ok = in->read_image(in->current_subimage(), 0, 0, nch, TypeDesc::FLOAT, buffer.data());
     if (ok)
       scatter(buffer.data(), spec.y, spec.y + spec.height);
   }
   if (!ok)
-    throw RenderError("cannot read " + path + ": " + inputError(*in));
-  if (nanCount)
-    *nanCount = nans;
+    throw UsageError("cannot read " + path + ": " + inputError(*in) +
+                     " (the file is truncated or damaged)");
+  if (badCount)
+    *badCount = count;
 }
 
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
@@ -218,11 +278,17 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
   std::vector<float*> planes;
   for (auto& p : image.planes)
     planes.push_back(p.data());
-  readFlatPixels(path, planes, nanCount);
+  BadPixelCount count;
+  readFlatPixels(path, planes, &count);
+  if (nanCount) {
+    *nanCount = 0;
+    for (std::size_t n : count.nan)
+      *nanCount += n;
+  }
   return image;
 }
 
-DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (!spec.deep)
@@ -235,9 +301,11 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
   if (image.channelIndex("Z") < 0)
     throw UsageError("deep image " + path + " has no Z channel");
 
+  checkImageFits(path, spec.width, spec.height, 2);
   OIIO::DeepData dd;
-  if (!in->read_native_deep_image(0, 0, dd))
-    throw RenderError("cannot read " + path + ": " + inputError(*in));
+  if (!in->read_native_deep_image(in->current_subimage(), 0, dd))
+    throw UsageError("cannot read " + path + ": " + inputError(*in) +
+                     " (the file is truncated or damaged)");
 
   const int nch = spec.nchannels;
   const int w = spec.width, h = spec.height;
@@ -253,7 +321,11 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
   std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
   image.samples.resize(image.offsets.back() * nch);
 
-  std::size_t nans = 0;
+  BadPixelCount count;
+  count.resize(image.channels);
+  std::vector<char> depth(static_cast<std::size_t>(nch));
+  for (int c = 0; c < nch; ++c)
+    depth[std::size_t(c)] = isDepthName(image.channels[std::size_t(c)]);
   for (int y = image.box.y; y < image.box.t; ++y) {
     const int fileRow = flipY(image.format, y) - spec.y;
     for (int x = 0; x < w; ++x) {
@@ -262,11 +334,12 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
       const int n = dd.samples(p);
       for (int s = 0; s < n; ++s)
         for (int c = 0; c < nch; ++c)
-          image.samples[(first + s) * nch + c] = countNaN(dd.deep_value(p, c, s), nans);
+          image.samples[(first + s) * nch + c] =
+              readValue(dd.deep_value(p, c, s), std::size_t(c), depth[std::size_t(c)], count);
     }
   }
-  if (nanCount)
-    *nanCount = nans;
+  if (badCount)
+    *badCount = count;
   return image;
 }
 

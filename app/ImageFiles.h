@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "app/InputChecks.h"
+
 namespace vorelapp {
 
 struct Rect {
@@ -61,17 +63,26 @@ struct DeepImage {
 // True if the file holds deep data (it must exist and be readable).
 bool isDeepFile(const std::string& path);
 
-// Reading throws UsageError for a file that is missing or not an image of the kind asked for,
-// RenderError for one that fails while its pixels are decoded. NaN values are kept as they are and
-// counted in *nanCount, when given; infinities are kept (a depth may well be infinite).
+// Reading throws UsageError for a file that is missing, not a regular file, not an image of the
+// kind asked for, too large for memory (see InputChecks.h) or truncated. NaN and infinite values
+// are read as badPixels() says (kept by default) and counted: NaNs in *nanCount, per channel in
+// *badCount.
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr);
 // The same in two steps, for a caller that keeps pixels in planes of its own: the windows and
 // channel names (no planes), then the pixels into one plane per channel, each box.w() * box.h()
 // floats, bottom row first.
 FlatImage readFlatHeader(const std::string& path);
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    std::size_t* nanCount = nullptr);
-DeepImage readDeepImage(const std::string& path, std::size_t* nanCount = nullptr);
+                    BadPixelCount* badCount = nullptr);
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount = nullptr);
+
+// A multi-part file (an EXR with several parts) is read from part 0 unless a part is chosen for
+// its path, by name or index; an unknown one is refused, listing the parts.
+void choosePart(const std::string& path, const std::string& part);
+// The parts' names (their index where a part has no name); one entry for a single-part file.
+std::vector<std::string> partNames(const std::string& path);
+// A note for a file of several parts read without a choice; "" otherwise.
+std::string partsNote(const std::string& path);
 
 // The deep image as one flat image: per pixel the samples composited nearest first with "over",
 // the non-depth channels under their own names, and "Z" the nearest sample's front depth.

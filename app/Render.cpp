@@ -16,6 +16,7 @@
 #include "DDImage/Thread.h"
 #include "app/AppError.h"
 #include "app/ImageFiles.h"
+#include "app/InputChecks.h"
 #include "node/tzVorel.h"
 
 namespace fs = std::filesystem;
@@ -72,13 +73,16 @@ Format hostFormat(const Rect& f) {
   return Format(f.w(), f.h(), f.x, f.y, f.r, f.t);
 }
 
-// The host image for a file's windows and channels, its planes not yet filled.
-FlatSource hostImageFor(const FlatImage& header, const std::string& path) {
+// The host image for a file's windows and channels, its planes not yet filled. `hostNames`
+// (one per channel) are the names its channels go by in the host, when not their own.
+FlatSource hostImageFor(const FlatImage& header, const std::string& path,
+                        const std::vector<std::string>& hostNames = {}) {
   FlatSource source;
   source.path = path;
   ChannelSet set;
-  for (const std::string& name : header.channels) {
-    const Channel z = channelForName(name, path);
+  for (std::size_t i = 0; i < header.channels.size(); ++i) {
+    const std::string& name = header.channels[i];
+    const Channel z = channelForName(i < hostNames.size() ? hostNames[i] : name, path);
     if (set.contains(z))
       throw UsageError(path + ": two of its channels are both " + getName(z));
     set += z;
@@ -103,15 +107,22 @@ FlatSource toHost(FlatImage&& image, const std::string& path) {
 }
 
 // Reads a file straight into the host's image.
-FlatSource loadFlat(const std::string& path, const RenderReport& report) {
-  FlatSource source = hostImageFor(readFlatHeader(path), path);
+FlatSource loadFlat(const std::string& path, const RenderReport& report,
+                    const std::string& layer = "") {
+  const std::string parts = partsNote(path);
+  if (!parts.empty() && report.warning)
+    report.warning(parts);
+  const FlatImage header = readFlatHeader(path);
+  FlatSource source =
+      hostImageFor(header, path, hostChannelNames(header.channels, layer, path, report.note));
   std::vector<float*> planes;
   for (const auto& n : source.names)
     planes.push_back(source.op->plane(n.first));
-  std::size_t nans = 0;
-  readFlatPixels(path, planes, &nans);
-  if (nans && report.warning)
-    report.warning(path + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
+  BadPixelCount bad;
+  readFlatPixels(path, planes, &bad);
+  const std::string warning = badPixelWarning(path, bad);
+  if (!warning.empty() && report.warning)
+    report.warning(warning);
   return source;
 }
 
@@ -292,14 +303,15 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   }
 
   // --- inputs ------------------------------------------------------------------------------
+  applyInputOptions(o, input.empty() ? deepPath : input);
   FlatSource input0, kernel, mattes;
   std::unique_ptr<host::DeepImage> deep;
   std::string input0Name = input;
   if (!deepPath.empty()) {
-    std::size_t nans = 0;
-    DeepImage d = readDeepImage(deepPath, &nans);
-    if (nans)
-      warn(deepPath + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
+    BadPixelCount bad;
+    DeepImage d = readDeepImage(deepPath, &bad);
+    if (!badPixelWarning(deepPath, bad).empty())
+      warn(badPixelWarning(deepPath, bad));
     if (input.empty()) {
       input0 = toHost(flattenDeep(d), deepPath);
       input0Name = deepPath + " (flattened)";
@@ -307,7 +319,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     deep = toHostDeep(d, deepPath);
   }
   if (!input.empty())
-    input0 = loadFlat(input, report);
+    input0 = loadFlat(input, report, o.layer);
   if (!o.kernel.empty())
     kernel = loadFlat(o.kernel, report);
   if (!o.mattes.empty())
@@ -383,8 +395,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
 
   // --- request and open ---------------------------------------------------------------------
   const unsigned threads =
-      std::max(1u, std::min<unsigned>(o.threads ? o.threads : std::thread::hardware_concurrency(),
-                                       unsigned(box.h())));
+      std::max(1u, std::min<unsigned>(threadsToUse(o.threads, note), unsigned(box.h())));
   Thread::numCPUs = threads;
   node.request(box, channels, 1);
   node.open();

@@ -37,7 +37,14 @@ struct RenderOptions {
   std::string channels;               // empty: all of input 0's
   unsigned threads = 0;               // 0: every core
   std::vector<std::string> presetFiles;  // read for settings; never to be written over
+  std::string layer;     // input 0's layer to render ("ViewLayer"); empty: the obvious one
+  std::string part;      // input 0's part of a multi-part file, by name or index
+  std::string badPixels = "keep";  // NaN and infinite input values: "keep" or "zero"
+  std::string maxMemory;  // largest image to take on ("8G"); empty: the memory available
 };
+
+// Sets what reading the inputs obeys: the part of `input0`, the memory budget, bad pixels.
+void applyInputOptions(const RenderOptions& options, const std::string& input0);
 
 // Where the renderer talks: notes and warnings, and progress while rows are made.
 struct RenderReport {
