@@ -89,7 +89,7 @@ int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream
   renderCmd
       ->add_option("--camera", camera,
                    "Camera on input 2: focal=MM,haperture=MM,vaperture=MM,focus=DIST,fstop=N "
-                   "(any of them; defaults 50, 24.576, 18.672, 2, 16); sets realWorldLens=on "
+                   "(any of them; the rest as the knobs' defaults: 35, 22, 16, 100, 6); sets realWorldLens=on "
                    "unless --set says otherwise")
       ->type_name("KEY=VALUE,...");
   renderCmd->add_option("--set", sets, "Set a knob; repeatable")

@@ -17,6 +17,7 @@
 #include "app/AppError.h"
 #include "app/ImageFiles.h"
 #include "app/InputChecks.h"
+#include "app/RenderChecks.h"
 #include "node/tzVorel.h"
 
 namespace fs = std::filesystem;
@@ -355,14 +356,20 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   if (camera)
     settings.push_back({"realWorldLens", "on", "--camera"});
   settings.insert(settings.end(), o.settings.begin(), o.settings.end());
+  std::vector<std::string> clampedKnobs;  // each clamp is told once
   for (const KnobSetting& s : settings) {
     const std::string clamped = applySetting(node, s);
-    if (!clamped.empty())
+    if (!clamped.empty() &&
+        std::find(clampedKnobs.begin(), clampedKnobs.end(), s.name) == clampedKnobs.end()) {
+      clampedKnobs.push_back(s.name);
       note(clamped);
+    }
     if (camera && (s.name == "focalPlane" || s.name == "focalLength" || s.name == "fStop" ||
                    s.name == "apertureWidth" || s.name == "apertureHeight"))
       warn(s.origin + ": " + s.name + " has no effect: the camera's value replaces it");
   }
+
+  checkKnobValues(node, camera != nullptr);
 
   // --- validate ----------------------------------------------------------------------------
   node.validate(true);
@@ -377,6 +384,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
       !available.contains(depth))
     throw UsageError(input0Name + " has no depth channel " + getName(depth) + " (it has " +
                      input0.listing() + "); name one with --set depthChannel=NAME");
+  checkChannelsToBlur(node, available, input0Name, input0.listing());
   for (const char* knobName : {"bloomMatteChannel", "defocusMatteChannel",
                                "chromicAberrationMatteChannel"}) {
     const Channel z = channelKnob(node, knobName);
@@ -403,6 +411,10 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     throw RenderError(host::errorText(node));
   for (const std::string& w : host::warnings(node))
     warn(w);
+  if (!deep && input0.op && input0.op->plane(depth))
+    warnAboutFocus(node, depthRange(input0.op->plane(depth), std::size_t(input0.op->dataBox().w()) *
+                                                               std::size_t(input0.op->dataBox().h())),
+                   warn);
 
   // --- rows --------------------------------------------------------------------------------
   FlatImage out;
@@ -470,6 +482,20 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   }
 
   // --- the file ----------------------------------------------------------------------------
+  {
+    const Knob* blurKnob = node.knob("vorelChannels");
+    const ChannelSet blurred =
+        blurKnob && blurKnob->field() ? *static_cast<const ChannelSet*>(blurKnob->field()) : ChannelSet();
+    std::vector<std::pair<const float*, std::size_t>> outPlanes, inPlanes;
+    const std::size_t inSize = input0.op ? std::size_t(input0.op->dataBox().w()) *
+                                               std::size_t(input0.op->dataBox().h()) : 0;
+    for (std::size_t c = 0; c < outChannels.size(); ++c)
+      if (blurred.contains(outChannels[c]) && outChannels[c] != depth) {
+        outPlanes.emplace_back(out.planes[c].data(), out.planes[c].size());
+        inPlanes.emplace_back(input0.op ? input0.op->plane(outChannels[c]) : nullptr, inSize);
+      }
+    refuseBlackRender(node, outPlanes, inPlanes);
+  }
   auto index = [&](Channel z) {
     for (std::size_t c = 0; c < outChannels.size(); ++c)
       if (outChannels[c] == z)

@@ -13,12 +13,14 @@
 namespace vorelapp {
 
 struct CameraValues {
-  // A camera's defaults as artists know them; any may be given.
-  double focal = 50.0;       // mm
-  double haperture = 24.576; // mm
-  double vaperture = 18.672; // mm
-  double focus = 2.0;        // focus distance, world units
-  double fstop = 16.0;
+  // Whatever is not given is the node's own default for the knob the camera replaces, so a
+  // camera with no values renders as realWorldLens on with default knobs: one film back
+  // (22 x 16 mm, the film format "35mm") and one focus distance (100 scene units) everywhere.
+  double focal = 35.0;      // mm, focalLength
+  double haperture = 22.0;  // mm, apertureWidth
+  double vaperture = 16.0;  // mm, apertureHeight
+  double focus = 100.0;     // focalPlane, scene units (worldScale)
+  double fstop = 6.0;       // fStop
 };
 
 // "focal=50,fstop=2.8,...": throws UsageError for an unknown key or a value that is not a
