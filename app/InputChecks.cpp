@@ -16,6 +16,7 @@
 
 #include "app/AppError.h"
 #include "app/ImageFiles.h"
+#include "app/Knobs.h"
 #include "app/Render.h"
 
 namespace vorelapp {
@@ -147,11 +148,14 @@ std::vector<std::string> hostChannelNames(const std::vector<std::string>& fileNa
   if (chosen.empty())
     return names;
   for (std::string& n : names) {
+    const std::string file = n;
     const std::string combined = chosen + ".Combined.", depth = chosen + ".Depth.";
     if (n.rfind(combined, 0) == 0 && n.size() == combined.size() + 1)
       n = n.substr(combined.size());  // R G B A
-    else if (n == depth + "Z" || n == depth + "V")
+    else if (n == depth + "Z")
       n = "Z";
+    if (n != file)
+      addChannelAlias(file, n);
   }
   return names;
 }

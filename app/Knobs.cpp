@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "DDImage/Host.h"
@@ -180,11 +181,27 @@ std::vector<KnobSetting> readPreset(const std::string& path) {
   return settings;
 }
 
+namespace {
+
+std::map<std::string, std::string>& channelAliases() {
+  static std::map<std::string, std::string> aliases;
+  return aliases;
+}
+
+}  // namespace
+
+void addChannelAlias(const std::string& name, const std::string& hostName) {
+  channelAliases()[name] = hostName;
+}
+
 Channel parseChannel(const std::string& text) {
-  const std::string t = trim(text);
+  std::string t = trim(text);
   const std::string l = lower(t);
   if (l == "none" || l == "black" || l == "0")
     return Chan_Black;
+  const auto alias = channelAliases().find(t);
+  if (alias != channelAliases().end())
+    t = alias->second;
   const Channel z = findChannel(t.c_str());
   if (z == Chan_Black)
     throw UsageError("unknown channel '" + t + "'");

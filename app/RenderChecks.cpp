@@ -82,8 +82,8 @@ void warnAboutFocus(const Op& node, const DepthRange& depths,
   if (p.realWorldLens && v->maxCoC <= 1)
     warn("the lens blurs nothing: its circle of confusion stays below one pixel for depths " +
          range + " with the focus distance at " + number(focus) + " (worldScale " + scale +
-         "); if the depth is in metres use --set worldScale=m, or open the aperture (a lower "
-         "fStop)");
+         "); is the depth in the unit worldScale says? Set worldScale to the depth's unit "
+         "(--set worldScale=m for metres), or open the aperture (a lower fStop)");
 }
 
 void refuseBlackRender(const Op& node,
