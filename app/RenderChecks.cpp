@@ -95,11 +95,10 @@ void refuseBlackRender(const Op& node,
   if (anyNonZero(outPlanes) || !anyNonZero(inPlanes))
     return;
   const vorel::NodeParameters& p = v->params;
-  throw RenderError("the render came out black where the input is not: the lens kernel holds "
-                    "nothing at the sizes used (max_kernelsize " + std::to_string(p.max_kernelsize) +
-                    ", kAspectRatio " + number(p.kAspectRatio) + ", kCurvature " +
-                    number(p.kCurvature) + ", kSphAbb " + number(p.kSphAbb) +
-                    "); nothing written");
+  throw RenderError("the render came out black where the input is not; nothing written (most "
+                    "often a lens kernel too small to hold its shape: max_kernelsize " +
+                    std::to_string(p.max_kernelsize) + ", kAspectRatio " + number(p.kAspectRatio) +
+                    ", kCurvature " + number(p.kCurvature) + ", kSphAbb " + number(p.kSphAbb) + ")");
 }
 
 }  // namespace vorelapp
