@@ -353,6 +353,10 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   std::vector<KnobSetting> settings;
   if (kernel.op)
     settings.push_back({"kernelType", "Input", "--kernel"});
+  // A kernel image without alpha would spread alpha with nothing and leave it 0 everywhere: its
+  // red channel shapes the alpha instead.
+  if (kernel.op && kernel.channels().contains(Chan_Red) && !kernel.channels().contains(Chan_Alpha))
+    settings.push_back({"missingKernelChannel", "rgba.red", "--kernel"});
   if (camera)
     settings.push_back({"realWorldLens", "on", "--camera"});
   settings.insert(settings.end(), o.settings.begin(), o.settings.end());

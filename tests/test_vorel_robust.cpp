@@ -748,3 +748,20 @@ TEST(TranslationInvariance, DISABLED_Deep) {
 TEST(TranslationInvariance, DISABLED_DeepOutsideTheDisplayWindow) {
   expectTranslationInvariance(kOutside, true);
 }
+
+TEST(SayWhy, AKernelImageWithoutAlphaShapesAlphaWithItsRed) {
+  TempDir dir;
+  const std::string in = saved(dir / "in.exr", scene({0, 0, 24, 16}, {0, 0, 24, 16},
+                                                    [](int, int) { return 1000.0f; }));
+  const std::string kernel = saved(
+      dir / "k.exr", image({0, 0, 9, 9}, {0, 0, 9, 9}, {"R", "G", "B"}, [](int, int x, int y) {
+        return float((x - 4) * (x - 4) + (y - 4) * (y - 4) <= 16);
+      }));
+  const Outcome r = vorel(dir, {"render", in, "-o", dir / "out.exr", "--kernel", kernel, "--set",
+                                "focusRegionSize=10", "--set", "multiplier=4", "--set",
+                                "max_kernelsize=12", "-q"});
+  ASSERT_EQ(r.code, 0) << describe(r);
+  const FlatImage out = readFlatImage(dir / "out.exr");
+  for (float a : out.planes[std::size_t(out.channelIndex("A"))])
+    ASSERT_NEAR(a, 1.0f, 1e-4f);  // an opaque input stays opaque
+}
