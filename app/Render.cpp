@@ -415,10 +415,8 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
     throw RenderError(host::errorText(node));
   for (const std::string& w : host::warnings(node))
     warn(w);
-  if (!deep && input0.op && input0.op->plane(depth))
-    warnAboutFocus(node, depthRange(input0.op->plane(depth), std::size_t(input0.op->dataBox().w()) *
-                                                               std::size_t(input0.op->dataBox().h())),
-                   warn);
+  if (!deep)
+    warnAboutFocus(node, depthRange(input0.op.get(), depth), warn);
 
   // --- rows --------------------------------------------------------------------------------
   FlatImage out;
@@ -486,20 +484,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   }
 
   // --- the file ----------------------------------------------------------------------------
-  {
-    const Knob* blurKnob = node.knob("vorelChannels");
-    const ChannelSet blurred =
-        blurKnob && blurKnob->field() ? *static_cast<const ChannelSet*>(blurKnob->field()) : ChannelSet();
-    std::vector<std::pair<const float*, std::size_t>> outPlanes, inPlanes;
-    const std::size_t inSize = input0.op ? std::size_t(input0.op->dataBox().w()) *
-                                               std::size_t(input0.op->dataBox().h()) : 0;
-    for (std::size_t c = 0; c < outChannels.size(); ++c)
-      if (blurred.contains(outChannels[c]) && outChannels[c] != depth) {
-        outPlanes.emplace_back(out.planes[c].data(), out.planes[c].size());
-        inPlanes.emplace_back(input0.op ? input0.op->plane(outChannels[c]) : nullptr, inSize);
-      }
-    refuseBlackRender(node, outPlanes, inPlanes);
-  }
+  refuseBlackRender(node, out, outChannels, input0.op.get());
   auto index = [&](Channel z) {
     for (std::size_t c = 0; c < outChannels.size(); ++c)
       if (outChannels[c] == z)

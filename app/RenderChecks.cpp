@@ -44,9 +44,12 @@ void checkChannelsToBlur(const Op& node, const ChannelSet& available, const std:
                      "); choose a layer with --layer NAME or name them with --set vorelChannels=...");
 }
 
-DepthRange depthRange(const float* plane, std::size_t count) {
+DepthRange depthRange(host::FlatImage* image, Channel depth) {
   DepthRange r;
-  for (std::size_t i = 0; plane && i < count; ++i) {
+  const float* plane = image ? image->plane(depth) : nullptr;
+  const std::size_t count =
+      plane ? std::size_t(image->dataBox().w()) * std::size_t(image->dataBox().h()) : 0;
+  for (std::size_t i = 0; i < count; ++i) {
     const float d = plane[i];
     if (!std::isfinite(d) || d >= 3.0e38f)  // the far limit stands for "nothing here"
       continue;
@@ -86,15 +89,22 @@ void warnAboutFocus(const Op& node, const DepthRange& depths,
          "(--set worldScale=m for metres), or open the aperture (a lower fStop)");
 }
 
-void refuseBlackRender(const Op& node,
-                       const std::vector<std::pair<const float*, std::size_t>>& outPlanes,
-                       const std::vector<std::pair<const float*, std::size_t>>& inPlanes) {
+void refuseBlackRender(const Op& node, const FlatImage& out, const std::vector<Channel>& channels,
+                       host::FlatImage* input0) {
   const auto* v = dynamic_cast<const tzVorel*>(&node);
-  if (!v || v->params.outputType != vorel::OutputDefocusedImage || outPlanes.empty())
-    return;
-  if (anyNonZero(outPlanes) || !anyNonZero(inPlanes))
+  if (!v || v->params.outputType != vorel::OutputDefocusedImage || !input0)
     return;
   const vorel::NodeParameters& p = v->params;
+  const std::size_t inSize =
+      std::size_t(input0->dataBox().w()) * std::size_t(input0->dataBox().h());
+  std::vector<std::pair<const float*, std::size_t>> outPlanes, inPlanes;
+  for (std::size_t c = 0; c < channels.size() && c < out.planes.size(); ++c)
+    if (p.vorelChannels.contains(channels[c]) && channels[c] != p.depthChannel) {
+      outPlanes.emplace_back(out.planes[c].data(), out.planes[c].size());
+      inPlanes.emplace_back(input0->plane(channels[c]), inSize);
+    }
+  if (outPlanes.empty() || anyNonZero(outPlanes) || !anyNonZero(inPlanes))
+    return;
   throw RenderError("the render came out black where the input is not; nothing written (most "
                     "often a lens kernel too small to hold its shape: max_kernelsize " +
                     std::to_string(p.max_kernelsize) + ", kAspectRatio " + number(p.kAspectRatio) +
