@@ -92,7 +92,9 @@ void warnAboutFocus(const Op& node, const DepthRange& depths,
 void refuseBlackRender(const Op& node, const FlatImage& out, const std::vector<Channel>& channels,
                        host::FlatImage* input0) {
   const auto* v = dynamic_cast<const tzVorel*>(&node);
-  if (!v || v->params.outputType != vorel::OutputDefocusedImage || !input0)
+  // Only the whole image must keep light: one focus region alone may well be empty.
+  if (!v || v->params.outputType != vorel::OutputDefocusedImage ||
+      v->params.focusOutput != vorel::FocusBoth || !input0)
     return;
   const vorel::NodeParameters& p = v->params;
   const std::size_t inSize =

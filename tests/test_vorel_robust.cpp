@@ -416,6 +416,10 @@ TEST(KnobValues, ABlackRenderIsNotWrittenAndClampsAreToldOnce) {
             std::string::npos)
       << r.err;
   EXPECT_FALSE(fs::exists(dir / "out.exr"));
+  // One focus region asked for, and nothing in it: black is the answer.
+  r = vorel(dir, {"render", in, "-o", dir / "out.exr", "--set", "focalPlane=1", "--set",
+                  "focusOutput=Front", "-q"});
+  EXPECT_EQ(r.code, 0) << describe(r);
   // A clamp from a preset and again from --set: said once.
   std::ofstream(dir / "p.preset") << "max_kernelsize 300\n";
   r = vorel(dir, {"render", in, "-o", dir / "out.exr", "--preset", dir / "p.preset", "--set",
