@@ -16,6 +16,7 @@
 #include "app/Metadata.h"
 #include "app/Render.h"
 #include "app/Sequence.h"
+#include "node/Panel.h"
 
 namespace vorelapp {
 
@@ -110,7 +111,7 @@ void addRenderInputs(CommandLine& c) {
   renderCmd
       ->add_option("--camera", c.camera,
                    "Camera on input 2: focal=MM,haperture=MM,vaperture=MM,focus=DIST,fstop=N "
-                   "(any of them; defaults 50, 24.576, 18.672, 2, 16); sets realWorldLens=on "
+                   "(any of them; the rest as the knobs' defaults: 35, 22, 16, 100, 6); sets realWorldLens=on "
                    "unless --set says otherwise")
       ->type_name("KEY=VALUE,...");
   renderCmd->add_option("--set", c.sets, "Set a knob; repeatable")
@@ -122,9 +123,22 @@ void addRenderInputs(CommandLine& c) {
   renderCmd->add_option("--channels", options.channels,
                         "Channels to render, e.g. rgba or R,G,B,Z (default: all of input 0's)")
       ->type_name("LIST");
-  renderCmd->add_option("--threads", options.threads, "Threads (default: every core)")
-      ->check(CLI::Range(0u, 1024u));
+  renderCmd->add_option("--threads", options.threads,
+                        "Threads (default: every core; at most 4 per core are used)");
   renderCmd->add_flag("-q,--quiet", c.quiet, "Print errors only");
+  renderCmd->add_option("--layer", options.layer,
+                        "Layer of INPUT to render: its Combined pass and its Depth.Z "
+                        "(e.g. ViewLayer); the only one is picked by itself")
+      ->type_name("NAME");
+  renderCmd->add_option("--part", options.part, "Part of a multi-part INPUT, by name or index")
+      ->type_name("NAME|INDEX");
+  renderCmd->add_option("--bad-pixels", options.badPixels,
+                        "NaN and infinite input values: keep (as the node defines them) or zero")
+      ->type_name("keep|zero");
+  renderCmd->add_option("--max-memory", options.maxMemory,
+                        "Refuse images whose pixels need more (e.g. 8G); default: the memory "
+                        "available")
+      ->type_name("SIZE");
 }
 
 void addRenderShotOptions(CommandLine& c) {
@@ -158,6 +172,7 @@ void addRenderShotOptions(CommandLine& c) {
 void addCommands(CommandLine& c) {
   c.app.require_subcommand(1);
   c.app.set_help_all_flag("--help-all", "Help for every command");
+  c.app.set_version_flag("--version", versionLine());
   c.app.footer("vorel farm submit ...: render a frame sequence on a Slurm cluster (see vorel farm --help)");
   c.render = c.app.add_subcommand("render", "Render image files through the node");
   c.render->footer(kRenderHelp);
@@ -198,6 +213,9 @@ std::optional<int> parseCommandLine(CommandLine& c, int argc, const char* const*
     return c.app.exit(e, out, err);
   } catch (const CLI::CallForAllHelp& e) {
     return c.app.exit(e, out, err);
+  } catch (const CLI::CallForVersion& e) {
+    out << e.what() << "\n";
+    return kExitOk;
   } catch (const CLI::ParseError& e) {
     throw parseError(e, " (see vorel --help)");
   }
@@ -378,6 +396,10 @@ int runRender(CommandLine& c, std::ostream& out, std::ostream& err, bool errIsTe
 }
 
 }  // namespace
+
+std::string versionLine() {
+  return std::string("vorel ") + VOREL_VERSION + " (tzVorel node " + vorel::versionText() + ")";
+}
 
 ShotOptions parseRenderArguments(const std::vector<std::string>& args) {
   CommandLine c;

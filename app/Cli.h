@@ -15,6 +15,9 @@ namespace vorelapp {
 // Throws UsageError with the message the command line would print.
 ShotOptions parseRenderArguments(const std::vector<std::string>& args);
 
+// "vorel 1.4.3 (tzVorel node 1.4.3)", what `vorel --version` prints.
+std::string versionLine();
+
 // `errIsTerminal` turns the progress bar on (unless --quiet).
 int vorelMain(int argc, const char* const* argv, std::ostream& out, std::ostream& err,
               bool errIsTerminal);

@@ -1,6 +1,7 @@
 #include "app/ImageFiles.h"
 
 #include <OpenImageIO/deepdata.h>
+#include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imagebufalgo.h>
 #include <OpenImageIO/imageio.h>
@@ -15,11 +16,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <numeric>
 #include <system_error>
 
 #include "app/AppError.h"
 #include "app/Metadata.h"
+#include "app/InputChecks.h"
+#include "app/Output.h"
 
 namespace fs = std::filesystem;
 using OIIO::ImageSpec;
@@ -54,6 +58,13 @@ std::string oiioError(const std::string& fallback) {
   return e;
 }
 
+std::string oneLine(std::string e) {
+  std::replace(e.begin(), e.end(), '\n', ' ');
+  while (!e.empty() && e.back() == ' ')
+    e.pop_back();
+  return e;
+}
+
 template <class T>
 std::string inputError(T& in) {
   std::string e = in.geterror();
@@ -61,28 +72,57 @@ std::string inputError(T& in) {
   return e.empty() ? oiioError("unknown error") : e;
 }
 
+std::map<std::string, std::string>& chosenParts() {
+  static std::map<std::string, std::string> parts;
+  return parts;
+}
+
+}  // namespace
+
+int chosenPartIndex(const std::string& path) {
+  const auto it = chosenParts().find(path);
+  if (it == chosenParts().end())
+    return -1;
+  const std::vector<std::string> names = partNames(path);
+  int index = -1;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    if (names[i] == it->second)
+      index = int(i);
+  char* end = nullptr;
+  const long n = std::strtol(it->second.c_str(), &end, 10);
+  if (index < 0 && !it->second.empty() && *end == '\0' && n >= 0 && n < long(names.size()))
+    index = int(n);
+  if (index < 0) {
+    std::string list;
+    for (std::size_t i = 0; i < names.size(); ++i)
+      list += (i ? ", " : "") + std::to_string(i) + " '" + names[i] + "'";
+    throw UsageError("--part: " + path + " has no part '" + it->second + "' (it has " + list + ")");
+  }
+  return index;
+}
+
+namespace {
+
+// The part chosen for the file, by index or by name.
+void seekPart(OIIO::ImageInput& in, const std::string& path) {
+  const int index = chosenPartIndex(path);
+  if (index >= 0 && !in.seek_subimage(index, 0))
+    throw UsageError("cannot read part " + std::to_string(index) + " of " + path + ": " +
+                     inputError(in));
+}
+
 std::unique_ptr<OIIO::ImageInput> openInput(const std::string& path) {
-  std::error_code ec;
-  if (!fs::exists(path, ec))
-    throw UsageError("no such file: " + path);
-  if (fs::is_directory(path, ec))
-    throw UsageError(path + " is a directory, not an image");
+  requireRegularFile(path);
   auto in = OIIO::ImageInput::open(path);
   if (!in)
     throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  seekPart(*in, path);
   const ImageSpec& spec = in->spec();
   if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || spec.depth > 1)
     throw UsageError("cannot read " + path + ": not a 2D image with channels");
   return in;
 }
 
-// NaNs are counted, not replaced: the node gives them a meaning of its own (a NaN depth is
-// infinitely far), and a renderer that rewrote them would change the result.
-float countNaN(float v, std::size_t& nans) {
-  if (std::isnan(v))
-    ++nans;
-  return v;
-}
 
 std::string lower(std::string s) {
   for (char& c : s)
@@ -90,61 +130,20 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The temporary file being written, if any, for the signal handler. A plain buffer: the handler
-// may only call async-signal-safe functions.
-char g_pendingTemp[4096];
-volatile std::sig_atomic_t g_hasPendingTemp = 0;
-
-extern "C" void removePendingTempAndDie(int sig) {
-  if (g_hasPendingTemp)
-    ::unlink(g_pendingTemp);
-  std::signal(sig, SIG_DFL);
-  std::raise(sig);
-}
-
-// Writes through a temporary file beside the final path and renames it into place when done.
-class TemporaryFile {
-public:
-  explicit TemporaryFile(const std::string& finalPath) : final_(finalPath) {
-    fs::path p(finalPath);
-    fs::path dir = p.parent_path();
-    temp_ = (dir / ("." + p.filename().string() + ".vorel-" + std::to_string(::getpid()) + ".tmp"))
-                .string();
-    if (temp_.size() < sizeof g_pendingTemp) {
-      std::memcpy(g_pendingTemp, temp_.c_str(), temp_.size() + 1);
-      g_hasPendingTemp = 1;
-    }
-  }
-  ~TemporaryFile() {
-    g_hasPendingTemp = 0;
-    if (!committed_) {
-      std::error_code ec;
-      fs::remove(temp_, ec);
-    }
-  }
-  TemporaryFile(const TemporaryFile&) = delete;
-  TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-  const std::string& path() const { return temp_; }
-
-  void commit() {
-    std::error_code ec;
-    fs::rename(temp_, final_, ec);
-    if (ec)
-      throw RenderError("cannot write " + final_ + ": " + ec.message());
-    committed_ = true;
-    g_hasPendingTemp = 0;
-  }
-
-private:
-  std::string final_, temp_;
-  bool committed_ = false;
-};
-
+// A writer for the kind of file `finalPath` names, encoding into `bytes` rather than a file, so
+// that every byte reaches the disk through writes that are checked.
 std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
   auto out = OIIO::ImageOutput::create(finalPath);
   if (!out)
     throw RenderError("cannot write " + finalPath + ": " + oiioError("unsupported file type"));
+  return out;
+}
+
+std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath,
+                                                OIIO::Filesystem::IOVecOutput& bytes) {
+  auto out = createOutput(finalPath);
+  if (!out->supports("ioproxy") || !out->set_ioproxy(&bytes))
+    throw RenderError("cannot write " + finalPath + ": the file type cannot be encoded in memory");
   return out;
 }
 
@@ -176,6 +175,36 @@ int DeepImage::channelIndex(const std::string& name) const {
   return -1;
 }
 
+std::vector<std::string> partNames(const std::string& path) {
+  requireRegularFile(path);
+  auto in = OIIO::ImageInput::open(path);
+  if (!in)
+    throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  std::vector<std::string> names;
+  for (int i = 0; in->seek_subimage(i, 0); ++i) {
+    const std::string name = in->spec().get_string_attribute("name");
+    names.push_back(name.empty() ? std::to_string(i) : name);
+  }
+  return names;
+}
+
+void choosePart(const std::string& path, const std::string& part) {
+  chosenParts()[path] = part;
+}
+
+std::string partsNote(const std::string& path) {
+  if (chosenParts().count(path))
+    return "";
+  const std::vector<std::string> names = partNames(path);
+  if (names.size() < 2)
+    return "";
+  std::string list;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    list += (i ? ", " : "") + std::to_string(i) + " '" + names[i] + "'";
+  return path + " has " + std::to_string(names.size()) + " parts (" + list +
+         "); reading part 0; choose one with --part NAME or INDEX";
+}
+
 bool isDeepFile(const std::string& path) {
   auto in = openInput(path);
   return in->spec().deep;
@@ -191,6 +220,7 @@ FlatImage readFlatHeader(const std::string& path) {
   image.box = dataWindow(spec, image.format);
   image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
   image.channels.resize(std::size_t(spec.nchannels));
+  checkImageFits(path, spec.width, spec.height, spec.nchannels, 2);
   for (std::size_t c = 0; c < image.channels.size(); ++c)
     if (image.channels[c].empty())
       image.channels[c] = "channel" + std::to_string(c);
@@ -198,7 +228,7 @@ FlatImage readFlatHeader(const std::string& path) {
 }
 
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    std::size_t* nanCount) {
+                    BadPixelCount* badCount) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (spec.deep)
@@ -209,7 +239,13 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
   const Rect format = displayWindow(spec);
   const Rect box = dataWindow(spec, format);
   const std::size_t w = std::size_t(spec.width);
-  std::size_t nans = 0;
+  BadPixelCount count;
+  std::vector<std::string> names(spec.channelnames.begin(), spec.channelnames.end());
+  names.resize(std::size_t(nch));
+  count.resize(names);
+  std::vector<char> depth(static_cast<std::size_t>(nch));
+  for (int c = 0; c < nch; ++c)
+    depth[std::size_t(c)] = isDepthName(names[std::size_t(c)]);
   auto scatter = [&](const float* src, int fileY0, int fileY1) {
     for (int fy = fileY0; fy < fileY1; ++fy) {
       const std::size_t row = std::size_t(flipY(format, fy) - box.y) * w;
@@ -217,7 +253,7 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
       for (int c = 0; c < nch; ++c) {
         float* dst = planes[std::size_t(c)] + row;
         for (std::size_t i = 0; i < w; ++i)
-          dst[i] = countNaN(line[i * nch + c], nans);
+          dst[i] = readValue(line[i * nch + c], std::size_t(c), depth[std::size_t(c)], count);
       }
     }
   };
@@ -229,20 +265,22 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
     std::vector<float> buffer(w * nch * band);
     for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
       const int end = std::min(fy + band, spec.y + spec.height);
-      ok = in->read_scanlines(0, 0, fy, end, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+      ok = in->read_scanlines(in->current_subimage(), 0, fy, end, 0, 0, nch, TypeDesc::FLOAT,
+                              buffer.data());
       if (ok)
         scatter(buffer.data(), fy, end);
     }
   } else {
     std::vector<float> buffer(w * std::size_t(spec.height) * nch);
-    ok = in->read_image(0, 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+    ok = in->read_image(in->current_subimage(), 0, 0, nch, TypeDesc::FLOAT, buffer.data());
     if (ok)
       scatter(buffer.data(), spec.y, spec.y + spec.height);
   }
   if (!ok)
-    throw RenderError("cannot read " + path + ": " + inputError(*in));
-  if (nanCount)
-    *nanCount = nans;
+    throw UsageError("cannot read " + path + ": " + inputError(*in) +
+                     " (the file is truncated or damaged)");
+  if (badCount)
+    *badCount = count;
 }
 
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
@@ -251,11 +289,17 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
   std::vector<float*> planes;
   for (auto& p : image.planes)
     planes.push_back(p.data());
-  readFlatPixels(path, planes, nanCount);
+  BadPixelCount count;
+  readFlatPixels(path, planes, &count);
+  if (nanCount) {
+    *nanCount = 0;
+    for (std::size_t n : count.nan)
+      *nanCount += n;
+  }
   return image;
 }
 
-DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (!spec.deep)
@@ -268,9 +312,11 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
   if (image.channelIndex("Z") < 0)
     throw UsageError("deep image " + path + " has no Z channel");
 
+  checkImageFits(path, spec.width, spec.height, 2);
   OIIO::DeepData dd;
-  if (!in->read_native_deep_image(0, 0, dd))
-    throw RenderError("cannot read " + path + ": " + inputError(*in));
+  if (!in->read_native_deep_image(in->current_subimage(), 0, dd))
+    throw UsageError("cannot read " + path + ": " + inputError(*in) +
+                     " (the file is truncated or damaged)");
 
   const int nch = spec.nchannels;
   const int w = spec.width, h = spec.height;
@@ -286,7 +332,11 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
   std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
   image.samples.resize(image.offsets.back() * nch);
 
-  std::size_t nans = 0;
+  BadPixelCount count;
+  count.resize(image.channels);
+  std::vector<char> depth(static_cast<std::size_t>(nch));
+  for (int c = 0; c < nch; ++c)
+    depth[std::size_t(c)] = isDepthName(image.channels[std::size_t(c)]);
   for (int y = image.box.y; y < image.box.t; ++y) {
     const int fileRow = flipY(image.format, y) - spec.y;
     for (int x = 0; x < w; ++x) {
@@ -295,11 +345,12 @@ DeepImage readDeepImage(const std::string& path, std::size_t* nanCount) {
       const int n = dd.samples(p);
       for (int s = 0; s < n; ++s)
         for (int c = 0; c < nch; ++c)
-          image.samples[(first + s) * nch + c] = countNaN(dd.deep_value(p, c, s), nans);
+          image.samples[(first + s) * nch + c] =
+              readValue(dd.deep_value(p, c, s), std::size_t(c), depth[std::size_t(c)], count);
     }
   }
-  if (nanCount)
-    *nanCount = nans;
+  if (badCount)
+    *badCount = count;
   return image;
 }
 
@@ -384,9 +435,19 @@ ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int heigh
 
 }  // namespace
 
-void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
-  checkDirectory(path);
-  auto out = createOutput(path);
+FileBytes encodeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
+  FileBytes bytes;
+  OIIO::Filesystem::IOVecOutput proxy(bytes);
+  // OpenEXR writes several parts only to a file of its own: those go through a scratch file.
+  std::unique_ptr<ScratchFile> scratch;
+  std::unique_ptr<OIIO::ImageOutput> out;
+  if (header && header->parts.size() >= 2) {
+    scratch = std::make_unique<ScratchFile>(path);
+    out = createOutput(path);
+  } else {
+    out = createOutput(path, proxy);
+  }
+  const std::string& target = scratch ? scratch->path() : path;
   const int nch = int(image.channels.size());
   ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()), std::max(1, image.box.h()),
                                 image.channels);
@@ -396,9 +457,7 @@ void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* 
   if (header)
     applyExrHeader(spec, *header);
 
-  TemporaryFile temp(path);
-  const bool opened = header ? openExrParts(*out, temp.path(), spec, *header)
-                             : out->open(temp.path(), spec);
+  const bool opened = header ? openExrParts(*out, target, spec, *header) : out->open(target, spec);
   if (!opened)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   const std::size_t w = std::size_t(std::max(0, image.box.w()));
@@ -423,17 +482,25 @@ void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* 
       ok = out->write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
     }
   }
-  ok = ok && (!header || finishExrParts(*out, temp.path(), *header));
+  ok = ok && (!header || finishExrParts(*out, target, *header));
   ok = ok && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
-  out.reset();
-  temp.commit();
+  return scratch ? scratch->bytes() : bytes;
 }
 
-void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
-                       int blue, int alpha) {
-  checkDirectory(path);
+Rect quickLookWindow(const FlatImage& image) {
+  const double format = double(image.format.w()) * double(image.format.h());
+  const double data = double(std::max(0, image.box.w())) * double(std::max(0, image.box.h()));
+  // A display window far larger than the pixels the image holds would make a quick look of
+  // mostly black at any cost in memory; the data window is what there is to look at.
+  if (format > std::max(4.0 * data, double(kQuickLookPixels)) && !image.box.empty())
+    return image.box;
+  return image.format;
+}
+
+FileBytes encodeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                             int blue, int alpha) {
   const std::string ext = lower(fs::path(path).extension().string());
   const bool jpeg = ext == ".jpg" || ext == ".jpeg";
   const bool tiff = ext == ".tif" || ext == ".tiff";
@@ -451,7 +518,7 @@ void writeDisplayImage(const std::string& path, const FlatImage& image, int red,
     source.push_back(alpha);
   const int nch = int(source.size());
 
-  const Rect& f = image.format;
+  const Rect f = quickLookWindow(image);
   ImageSpec spec(std::max(1, f.w()), std::max(1, f.h()), nch, TypeDesc::FLOAT);
   if (withAlpha)
     spec.alpha_channel = nch - 1;
@@ -479,17 +546,23 @@ void writeDisplayImage(const std::string& path, const FlatImage& image, int red,
   OIIO::ImageBuf display;
   if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", withAlpha))
     throw RenderError("cannot write " + path + ": " + display.geterror());
-  display.set_write_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
 
-  TemporaryFile temp(path);
-  std::string format = ext.substr(1);
-  if (!display.write(temp.path(), TypeDesc::UNKNOWN, format))
-    throw RenderError("cannot write " + path + ": " + display.geterror());
-  temp.commit();
+  FileBytes bytes;
+  OIIO::Filesystem::IOVecOutput proxy(bytes);
+  auto out = createOutput(path, proxy);
+  ImageSpec fileSpec = display.spec();
+  fileSpec.set_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
+  const bool ok = out->open(path, fileSpec) && display.write(out.get()) && out->close();
+  if (!ok) {
+    const std::string e = out->geterror() + display.geterror();
+    throw RenderError("cannot write " + path + ": " + oneLine(e.empty() ? "encoding failed" : e));
+  }
+  return bytes;
 }
 
-void writeDeepExr(const std::string& path, const DeepImage& image) {
-  checkDirectory(path);
+// OpenImageIO writes deep files only to a file of its own, so the file is encoded beside the
+// output, decoded again in full to be sure it is whole, and then staged like any other.
+FileBytes encodeDeepExr(const std::string& path, const DeepImage& image) {
   auto out = createOutput(path);
   if (!out->supports("deepdata"))
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
@@ -519,30 +592,51 @@ void writeDeepExr(const std::string& path, const DeepImage& image) {
           dd.set_deep_value(p, c, int(s), image.sample(x, y, s)[c]);
     }
 
-  TemporaryFile temp(path);
-  bool ok = out->open(temp.path(), spec) && out->write_deep_image(dd) && out->close();
+  ScratchFile scratch(path);
+  const bool ok = out->open(scratch.path(), spec) && out->write_deep_image(dd) && out->close();
   if (!ok)
     throw RenderError("cannot write " + path + ": " + inputError(*out));
   out.reset();
-  temp.commit();
+  OIIO::DeepData check;
+  auto in = OIIO::ImageInput::open(scratch.path());
+  if (!in || !in->read_native_deep_image(0, 0, check) || check.pixels() != dd.pixels())
+    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
+  in.reset();
+  return scratch.bytes();
+}
+
+void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeExr(path, image, header));
+}
+
+void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
+                       int blue, int alpha) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+}
+
+void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image, int red,
+                  int green, int blue, int alpha, const ExrHeader* header) {
+  OutputBatch batch;
+  for (const std::string& path : paths) {
+    checkDirectory(path);
+    if (fileKindFor(path) == FileKind::Exr)
+      batch.stage(path, encodeExr(path, image, header));
+    else
+      batch.stage(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+  }
+  batch.commit();
+}
+
+void writeDeepExr(const std::string& path, const DeepImage& image) {
+  checkDirectory(path);
+  writeFileAtomically(path, encodeDeepExr(path, image));
 }
 
 void writeTextFile(const std::string& path, const std::string& text) {
   checkDirectory(path);
-  TemporaryFile temp(path);
-  {
-    std::ofstream f(temp.path(), std::ios::binary);
-    f << text;
-    f.close();
-    if (!f)
-      throw RenderError("cannot write " + path);
-  }
-  temp.commit();
-}
-
-void installInterruptCleanup() {
-  for (int sig : {SIGINT, SIGTERM, SIGHUP})
-    std::signal(sig, removePendingTempAndDie);
+  writeFileAtomically(path, FileBytes(text.begin(), text.end()));
 }
 
 }  // namespace vorelapp

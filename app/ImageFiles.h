@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "app/InputChecks.h"
+
 namespace vorelapp {
 
 struct ExrHeader;
@@ -63,17 +65,29 @@ struct DeepImage {
 // True if the file holds deep data (it must exist and be readable).
 bool isDeepFile(const std::string& path);
 
-// Reading throws UsageError for a file that is missing or not an image of the kind asked for,
-// RenderError for one that fails while its pixels are decoded. NaN values are kept as they are and
-// counted in *nanCount, when given; infinities are kept (a depth may well be infinite).
+// Reading throws UsageError for a file that is missing, not a regular file, not an image of the
+// kind asked for, too large for memory (see InputChecks.h) or truncated. NaN and infinite values
+// are read as badPixels() says (kept by default) and counted: NaNs in *nanCount, per channel in
+// *badCount.
 FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr);
 // The same in two steps, for a caller that keeps pixels in planes of its own: the windows and
 // channel names (no planes), then the pixels into one plane per channel, each box.w() * box.h()
 // floats, bottom row first.
 FlatImage readFlatHeader(const std::string& path);
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    std::size_t* nanCount = nullptr);
-DeepImage readDeepImage(const std::string& path, std::size_t* nanCount = nullptr);
+                    BadPixelCount* badCount = nullptr);
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount = nullptr);
+
+// A multi-part file (an EXR with several parts) is read from part 0 unless a part is chosen for
+// its path, by name or index; an unknown one is refused, listing the parts.
+void choosePart(const std::string& path, const std::string& part);
+// The parts' names (their index where a part has no name); one entry for a single-part file.
+std::vector<std::string> partNames(const std::string& path);
+// The index of the part --part chose for the file; -1 if none was chosen. Throws UsageError for a
+// part the file does not have.
+int chosenPartIndex(const std::string& path);
+// A note for a file of several parts read without a choice; "" otherwise.
+std::string partsNote(const std::string& path);
 
 // The deep image as one flat image: per pixel the samples composited nearest first with "over",
 // the non-depth channels under their own names, and "Z" the nearest sample's front depth.
@@ -88,7 +102,8 @@ FileKind fileKindFor(const std::string& path);
 // and zip; with one, its attributes, compression, line order and pixel types.
 void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header = nullptr);
 
-// 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only, 0 outside the box.
+// 8-bit (TIFF: 16-bit) sRGB for a quick look: the display window only (see quickLookWindow),
+// 0 outside the box.
 // red/green/blue/alpha are channel indices of `image`, -1 where absent; with none of the three
 // colours, the first channel is written as grey.
 void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
@@ -100,12 +115,18 @@ void writeDeepExr(const std::string& path, const DeepImage& image);
 // A small text file (a preset).
 void writeTextFile(const std::string& path, const std::string& text);
 
-// Every writer writes through a temporary file beside `path` and renames it over `path` only
-// when the file is complete. If writing fails or the process is interrupted by a signal, the
-// temporary file is removed and `path` is left as it was. Failures throw RenderError.
+// Every writer encodes the file in memory and writes it through app/Output.h: complete or not
+// at all, an existing file left as it was on failure. Failures throw RenderError.
 
-// Installs handlers for SIGINT, SIGTERM and SIGHUP that remove a temporary output file still
-// being written, then end the process as the signal would have.
-void installInterruptCleanup();
+// All of `paths` from one image, each by its kind (.exr, or a quick look): every file replaced,
+// or none.
+// With a header, EXRs keep what it says (see writeExr).
+void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image, int red,
+                  int green, int blue, int alpha, const ExrHeader* header = nullptr);
+
+// A quick look covers the display window unless that is larger than this many pixels and more
+// than four times the data window, when it covers the data window.
+constexpr long kQuickLookPixels = 4096L * 4096L;
+Rect quickLookWindow(const FlatImage& image);
 
 }  // namespace vorelapp

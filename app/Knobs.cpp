@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cfloat>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "DDImage/Host.h"
@@ -132,6 +134,9 @@ std::vector<double> parseNumbers(const KnobSetting& s, int count) {
     double v;
     if (!parseNumber(p, v))
       throw UsageError(bad(s, "'" + p + "' is not a finite number"));
+    // The knob stores a float: anything beyond its range would be stored as infinity.
+    if (std::fabs(v) > double(FLT_MAX))
+      throw UsageError(bad(s, "'" + p + "' is beyond the largest value a float knob holds, 3.4e38"));
     values.push_back(v);
   }
   return values;
@@ -176,11 +181,27 @@ std::vector<KnobSetting> readPreset(const std::string& path) {
   return settings;
 }
 
+namespace {
+
+std::map<std::string, std::string>& channelAliases() {
+  static std::map<std::string, std::string> aliases;
+  return aliases;
+}
+
+}  // namespace
+
+void addChannelAlias(const std::string& name, const std::string& hostName) {
+  channelAliases()[name] = hostName;
+}
+
 Channel parseChannel(const std::string& text) {
-  const std::string t = trim(text);
+  std::string t = trim(text);
   const std::string l = lower(t);
   if (l == "none" || l == "black" || l == "0")
     return Chan_Black;
+  const auto alias = channelAliases().find(t);
+  if (alias != channelAliases().end())
+    t = alias->second;
   const Channel z = findChannel(t.c_str());
   if (z == Chan_Black)
     throw UsageError("unknown channel '" + t + "'");
@@ -418,6 +439,63 @@ void printKnobList(const Op& op, std::ostream& out) {
       while (std::getline(lines, line))
         out << "      " << trim(line) << "\n";
     }
+  }
+}
+
+namespace {
+
+double knobValue(const Op& op, const char* name, int index = 0) {
+  const Knob* k = op.knob(name);
+  return k ? k->get_value(index) : 0.0;
+}
+
+// A value no image can come from, refused naming the knob and the values that work.
+struct SaneRange {
+  const char* knob;
+  int index;
+  bool (*sane)(double);
+  const char* range;
+  bool lensModelOnly;   // read only when realWorldLens is on
+  bool cameraReplaces;  // replaced by a camera's value, so not checked with one
+  int kernelType;       // checked only with this kernelType; -1 for all
+};
+
+bool positive(double v) { return v > 0.0; }
+bool atLeastTwo(double v) { return v >= 2.0; }
+bool aspect(double v) { return v > 0.0 && v <= 100.0; }
+bool curvature(double v) { return v >= -1000.0; }
+bool chromatic(double v) { return std::fabs(v) <= 50.0; }
+
+const SaneRange kSaneRanges[] = {
+    {"fStop", 0, positive, "above 0 (1.4, 2.8, 16 ...)", true, true, -1},
+    {"focalPlane", 0, positive, "above 0, a distance in the scene's unit", true, true, -1},
+    {"focalLength", 0, positive, "above 0, up to 300 mm", true, true, -1},
+    {"apertureWidth", 0, positive, "above 0 mm", true, true, -1},
+    {"apertureHeight", 0, positive, "above 0 mm", true, true, -1},
+    {"worldScaleMultiplier", 0, positive, "above 0", true, false, -1},
+    // The node's kernels below 2 pixels hold nothing, and the whole image comes out black.
+    {"max_kernelsize", 0, atLeastTwo, "2 to 256", false, false, -1},
+    // These squeeze or bend the kernel until no pixel of it is left: black.
+    {"kAspectRatio", 0, aspect, "above 0, up to 100 (0.5 to 2 is usual)", false, false, -1},
+    {"kCurvature", 0, curvature, "-1000 or more (-1 to 1 is usual)", false, false, 2},
+    // A shift that moves most light out of the frame.
+    {"kChrAbb", 0, chromatic, "-50 to 50 (-10 to 10 is usual)", false, false, -1},
+};
+
+}  // namespace
+
+void checkKnobValues(const Op& op, bool hasCamera) {
+  const bool lens = knobValue(op, "realWorldLens") != 0.0;
+  const int kernelType = int(knobValue(op, "kernelType"));
+  for (const SaneRange& r : kSaneRanges) {
+    if ((r.lensModelOnly && !lens) || (r.cameraReplaces && hasCamera) ||
+        (r.kernelType >= 0 && r.kernelType != kernelType) || !op.knob(r.knob))
+      continue;
+    const double v = knobValue(op, r.knob, r.index);
+    if (!r.sane(v))
+      throw UsageError(std::string(r.knob) + " " + formatNumber(v) +
+                       " gives no image; use a value " + r.range +
+                       (r.lensModelOnly ? " with realWorldLens on" : ""));
   }
 }
 

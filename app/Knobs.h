@@ -35,9 +35,18 @@ std::vector<KnobSetting> readPreset(const std::string& path);
 // differs from the one given (it was clamped), else "".
 std::string applySetting(DD::Image::Op& op, const KnobSetting& setting);
 
+// Refuses (UsageError) knob values from which no image can come: a lens with no aperture or no
+// distance, kernels squeezed or bent to nothing, a shift that moves the light out of the frame.
+// Each message names the knob and the values that work. `hasCamera`: a camera replaces the lens
+// knobs it carries.
+void checkKnobValues(const DD::Image::Op& op, bool hasCamera);
+
 // Channel names as the user writes them: "rgba.red", "R", "depth.Z", "none". Throws UsageError
 // for a name the host does not know.
 DD::Image::Channel parseChannel(const std::string& text);
+// A file's channel name that stands for a host channel of another name (a layer's
+// "ViewLayer.Depth.Z" read as depth.Z), so that the user may name it either way.
+void addChannelAlias(const std::string& name, const std::string& hostName);
 // A channel set: "all", "none", "rgba", "rgb", "alpha", "depth", or a list of channel names
 // separated by commas or spaces (layer words may be mixed in).
 DD::Image::ChannelSet parseChannelSet(const std::string& text);

@@ -141,12 +141,15 @@ std::string numberText(double v) {
 
 }  // namespace
 
-ExrHeader readExrHeader(const std::string& path) {
+ExrHeader readExrHeader(const std::string& path, int part) {
   ExrHeader header;
   auto in = OIIO::ImageInput::open(path);
   if (!in)
     return header;  // the reader proper names the problem
-  const ImageSpec& spec = in->spec();
+  if (part > 0 && !in->seek_subimage(part, 0))
+    return header;
+  header.part = std::max(0, part);
+  const ImageSpec spec = in->spec();
   for (const OIIO::ParamValue& p : spec.extra_attribs)
     if (!describesLayout(p.name().string()))
       header.attributes.push_back(p);

@@ -34,9 +34,9 @@ struct ExrHeader {
   std::vector<OIIO::ImageSpec> parts;  // every part's header, the rendered one's included
 };
 
-// The header of input 0's file (first part): every attribute but those that describe the
-// file's layout, which the writer sets itself. A file that is not an EXR gives what it has.
-ExrHeader readExrHeader(const std::string& path);
+// The header of input 0's file, of the part rendered: every attribute but those that describe
+// the file's layout, which the writer sets itself. A file that is not an EXR gives what it has.
+ExrHeader readExrHeader(const std::string& path, int part = 0);
 
 // The `vorel/settings` text: one `name=value` line per knob that differs from a fresh node's.
 std::string settingsText(const DD::Image::Op& node, const DD::Image::Op& fresh);

@@ -38,13 +38,16 @@ bool openExrParts(OIIO::ImageOutput& out, const std::string& path, const ImageSp
   if (count < 2 || h.part < 0 || h.part >= count)
     return out.open(path, rendered);
   std::vector<ImageSpec> specs = h.parts;
+  const std::string name = specs[std::size_t(h.part)].get_string_attribute("name");
   specs[std::size_t(h.part)] = rendered;
+  if (!name.empty())
+    specs[std::size_t(h.part)].attribute("name", name);  // every part of a file needs its own
   if (!out.open(path, count, specs.data()))
     return false;
   for (int i = 0; i < h.part; ++i)
     if (!(i == 0 ? copyPart(out, h.source, 0) : appendAndCopy(out, path, h, i)))
       return false;
-  return h.part == 0 || out.open(path, rendered, OIIO::ImageOutput::AppendSubimage);
+  return h.part == 0 || out.open(path, specs[std::size_t(h.part)], OIIO::ImageOutput::AppendSubimage);
 }
 
 bool finishExrParts(OIIO::ImageOutput& out, const std::string& path, const ExrHeader& h) {

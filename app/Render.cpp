@@ -14,6 +14,8 @@
 #include "DDImage/Thread.h"
 #include "app/AppError.h"
 #include "app/ImageFiles.h"
+#include "app/InputChecks.h"
+#include "app/RenderChecks.h"
 #include "node/tzVorel.h"
 
 namespace fs = std::filesystem;
@@ -70,13 +72,16 @@ Format hostFormat(const Rect& f) {
   return Format(f.w(), f.h(), f.x, f.y, f.r, f.t);
 }
 
-// The host image for a file's windows and channels, its planes not yet filled.
-FlatSource hostImageFor(const FlatImage& header, const std::string& path) {
+// The host image for a file's windows and channels, its planes not yet filled. `hostNames`
+// (one per channel) are the names its channels go by in the host, when not their own.
+FlatSource hostImageFor(const FlatImage& header, const std::string& path,
+                        const std::vector<std::string>& hostNames = {}) {
   FlatSource source;
   source.path = path;
   ChannelSet set;
-  for (const std::string& name : header.channels) {
-    const Channel z = channelForName(name, path);
+  for (std::size_t i = 0; i < header.channels.size(); ++i) {
+    const std::string& name = header.channels[i];
+    const Channel z = channelForName(i < hostNames.size() ? hostNames[i] : name, path);
     if (set.contains(z))
       throw UsageError(path + ": two of its channels are both " + getName(z));
     set += z;
@@ -101,15 +106,22 @@ FlatSource toHost(FlatImage&& image, const std::string& path) {
 }
 
 // Reads a file straight into the host's image.
-FlatSource loadFlat(const std::string& path, const RenderReport& report) {
-  FlatSource source = hostImageFor(readFlatHeader(path), path);
+FlatSource loadFlat(const std::string& path, const RenderReport& report,
+                    const std::string& layer = "") {
+  const std::string parts = partsNote(path);
+  if (!parts.empty() && report.warning)
+    report.warning(parts);
+  const FlatImage header = readFlatHeader(path);
+  FlatSource source =
+      hostImageFor(header, path, hostChannelNames(header.channels, layer, path, report.note));
   std::vector<float*> planes;
   for (const auto& n : source.names)
     planes.push_back(source.op->plane(n.first));
-  std::size_t nans = 0;
-  readFlatPixels(path, planes, &nans);
-  if (nans && report.warning)
-    report.warning(path + ": " + std::to_string(nans) + " NaN values (a NaN depth counts as infinitely far)");
+  BadPixelCount bad;
+  readFlatPixels(path, planes, &bad);
+  const std::string warning = badPixelWarning(path, bad);
+  if (!warning.empty() && report.warning)
+    report.warning(warning);
   return source;
 }
 
@@ -280,13 +292,15 @@ struct Inputs {
 
 void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& report,
                 Inputs& in) {
+  const std::string& input0Path = plan.input.empty() ? plan.deepPath : plan.input;
+  applyInputOptions(o, input0Path);
   in.input0Name = plan.input;
   if (!plan.deepPath.empty()) {
-    std::size_t nans = 0;
-    DeepImage d = readDeepImage(plan.deepPath, &nans);
-    if (nans)
-      warn(report, plan.deepPath + ": " + std::to_string(nans) +
-                       " NaN values (a NaN depth counts as infinitely far)");
+    BadPixelCount bad;
+    DeepImage d = readDeepImage(plan.deepPath, &bad);
+    const std::string badPixels = badPixelWarning(plan.deepPath, bad);
+    if (!badPixels.empty())
+      warn(report, badPixels);
     if (plan.input.empty()) {
       in.input0 = toHost(flattenDeep(d), plan.deepPath);
       in.input0Name = plan.deepPath + " (flattened)";
@@ -294,12 +308,12 @@ void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& re
     in.deep = toHostDeep(d, plan.deepPath);
   }
   if (!plan.input.empty())
-    in.input0 = loadFlat(plan.input, report);
+    in.input0 = loadFlat(plan.input, report, o.layer);
   if (!o.kernel.empty())
     in.kernel = loadFlat(o.kernel, report);
   if (!o.mattes.empty())
     in.mattes = loadFlat(o.mattes, report);
-  in.header = readExrHeader(plan.input.empty() ? plan.deepPath : plan.input);
+  in.header = readExrHeader(input0Path, chosenPartIndex(input0Path));
 }
 
 // --camera, or the lens input 0's header describes (with --camera filling in what it lacks).
@@ -353,17 +367,27 @@ void applyKnobs(Iop& node, const RenderOptions& o, const Inputs& in, const Rende
   std::vector<KnobSetting> settings;
   if (in.kernel.op)
     settings.push_back({"kernelType", "Input", "--kernel"});
+  // A kernel image without alpha would spread alpha with nothing and leave it 0 everywhere: its
+  // red channel shapes the alpha instead.
+  if (in.kernel.op && in.kernel.channels().contains(Chan_Red) &&
+      !in.kernel.channels().contains(Chan_Alpha))
+    settings.push_back({"missingKernelChannel", "rgba.red", "--kernel"});
   if (in.camera)
     settings.push_back({"realWorldLens", "on", o.hasCamera ? "--camera" : "--camera-from-metadata"});
   settings.insert(settings.end(), o.settings.begin(), o.settings.end());
+  std::vector<std::string> clampedKnobs;  // each clamp is told once
   for (const KnobSetting& s : settings) {
     const std::string clamped = applySetting(node, s);
-    if (!clamped.empty())
+    if (!clamped.empty() &&
+        std::find(clampedKnobs.begin(), clampedKnobs.end(), s.name) == clampedKnobs.end()) {
+      clampedKnobs.push_back(s.name);
       tell(report, clamped);
+    }
     if (in.camera && (s.name == "focalPlane" || s.name == "focalLength" || s.name == "fStop" ||
                       s.name == "apertureWidth" || s.name == "apertureHeight"))
       warn(report, s.origin + ": " + s.name + " has no effect: the camera's value replaces it");
   }
+  checkKnobValues(node, in.camera != nullptr);
 }
 
 // The median depth around a pixel, leaving out what holds no surface: depths that are not
@@ -437,6 +461,7 @@ Validated validateNode(Iop& node, const RenderOptions& o, const Inputs& in,
       !available.contains(depth))
     throw UsageError(in.input0Name + " has no depth channel " + getName(depth) + " (it has " +
                      in.input0.listing() + "); name one with --set depthChannel=NAME");
+  checkChannelsToBlur(node, available, in.input0Name, in.input0.listing());
   for (const char* knobName : {"bloomMatteChannel", "defocusMatteChannel",
                                "chromicAberrationMatteChannel"}) {
     const Channel z = channelKnob(node, knobName);
@@ -517,21 +542,16 @@ ExrHeader outputHeader(const Iop& node, const RenderOptions& o, const Inputs& in
   return header;
 }
 
-void writeOutputs(const RenderOptions& o, const Plan& plan, const Rendered& out,
-                  const ExrHeader& header) {
+// Every -o from one image: all replaced, or none.
+void writeRendered(const RenderOptions& o, const Rendered& out, const ExrHeader& header) {
   auto index = [&](Channel z) {
     for (std::size_t c = 0; c < out.channels.size(); ++c)
       if (out.channels[c] == z)
         return int(c);
     return -1;
   };
-  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
-    if (plan.kinds[i] == FileKind::Exr)
-      writeExr(o.outputs[i], out.image, &header);
-    else
-      writeDisplayImage(o.outputs[i], out.image, index(Chan_Red), index(Chan_Green),
-                        index(Chan_Blue), index(Chan_Alpha));
-  }
+  writeOutputs(o.outputs, out.image, index(Chan_Red), index(Chan_Green), index(Chan_Blue),
+               index(Chan_Alpha), &header);
 }
 
 }  // namespace
@@ -597,16 +617,20 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   focusAt(node, o, in, report);
   const Validated v = validateNode(node, o, in, report);
 
-  const unsigned threads =
-      std::max(1u, std::min<unsigned>(o.threads ? o.threads : std::thread::hardware_concurrency(),
-                                       unsigned(v.box.h())));
+  const unsigned threads = std::max(
+      1u, std::min<unsigned>(threadsToUse(o.threads, [&](const std::string& s) { tell(report, s); }),
+                             unsigned(v.box.h())));
   const auto openStart = Clock::now();
   openNode(node, v, threads, report);
+  if (!in.deep)
+    warnAboutFocus(node, depthRange(in.input0.op.get(), channelKnob(node, "depthChannel")),
+                   [&](const std::string& s) { warn(report, s); });
   const double openSeconds = secondsSince(openStart);
   const auto rowsStart = Clock::now();
   const Rendered out = runRows(node, v, in.input0, threads, report, start);
   const double rowSeconds = secondsSince(rowsStart);
-  writeOutputs(o, plan, out, outputHeader(node, o, in));
+  refuseBlackRender(node, out.image, out.channels, in.input0.op.get());
+  writeRendered(o, out, outputHeader(node, o, in));
 
   RenderSummary summary;
   summary.width = v.box.w();

@@ -15,12 +15,14 @@
 namespace vorelapp {
 
 struct CameraValues {
-  // A camera's defaults as artists know them; any may be given.
-  double focal = 50.0;       // mm
-  double haperture = 24.576; // mm
-  double vaperture = 18.672; // mm
-  double focus = 2.0;        // focus distance, world units
-  double fstop = 16.0;
+  // Whatever is not given is the node's own default for the knob the camera replaces, so a
+  // camera with no values renders as realWorldLens on with default knobs: one film back
+  // (22 x 16 mm, the film format "35mm") and one focus distance (100 scene units) everywhere.
+  double focal = 35.0;      // mm, focalLength
+  double haperture = 22.0;  // mm, apertureWidth
+  double vaperture = 16.0;  // mm, apertureHeight
+  double focus = 100.0;     // focalPlane, scene units (worldScale)
+  double fstop = 6.0;       // fStop
 };
 
 // "focal=50,fstop=2.8,...": throws UsageError for an unknown key or a value that is not a
@@ -48,7 +50,14 @@ struct RenderOptions {
   // Focus on the depth at this pixel (host coordinates: y up from the format's bottom).
   bool hasFocusAt = false;
   int focusX = 0, focusY = 0;
+  std::string layer;     // input 0's layer to render ("ViewLayer"); empty: the obvious one
+  std::string part;      // input 0's part of a multi-part file, by name or index
+  std::string badPixels = "keep";  // NaN and infinite input values: "keep" or "zero"
+  std::string maxMemory;  // largest image to take on ("8G"); empty: the memory available
 };
+
+// Sets what reading the inputs obeys: the part of `input0`, the memory budget, bad pixels.
+void applyInputOptions(const RenderOptions& options, const std::string& input0);
 
 // Camera values as --camera takes them, for the header of what they made.
 std::string cameraText(const CameraValues& camera);

@@ -1,44 +1,42 @@
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <cstdio>
 #include <iostream>
 
 #include "app/Cli.h"
-#include "app/ImageFiles.h"
+#include "app/Output.h"
 
 namespace {
 
-int g_savedStdout = -1;
+// The node prints its load banner on standard output while the program's statics are made,
+// before main: a message for a host's console. vorel keeps standard output for results (`vorel
+// knobs`) and tells its version with --version, so until main runs standard output goes nowhere.
+// This runs before any ordinary static.
+int g_standardOutput = -1;
 
-// With --json, standard output carries records only. The node prints its load banner (and
-// flushes it) while the program loads, before main: for that time standard output goes to
-// stderr, where vorel's other messages are. This runs before the program's other static
-// constructors (priority 101), and glibc hands it the command line.
-__attribute__((constructor(101))) void bannerToStderrUnderJson(int argc, char** argv, char**) {
-  bool json = false;
-  for (int i = 1; i < argc && argv; ++i)
-    json = json || std::strcmp(argv[i], "--json") == 0;
-  if (!json)
-    return;
-  g_savedStdout = ::dup(STDOUT_FILENO);
-  if (g_savedStdout >= 0)
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+__attribute__((constructor(101))) void quietLoadBanner() {
+  std::fflush(stdout);
+  g_standardOutput = ::dup(STDOUT_FILENO);
+  const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (g_standardOutput >= 0 && nowhere >= 0)
+    ::dup2(nowhere, STDOUT_FILENO);
+  if (nowhere >= 0)
+    ::close(nowhere);
 }
 
-void restoreStdout() {
-  if (g_savedStdout < 0)
-    return;
-  std::cout.flush();
+void standardOutputBack() {
   std::fflush(stdout);
-  ::dup2(g_savedStdout, STDOUT_FILENO);
-  ::close(g_savedStdout);
-  g_savedStdout = -1;
+  if (g_standardOutput >= 0) {
+    ::dup2(g_standardOutput, STDOUT_FILENO);
+    ::close(g_standardOutput);
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  restoreStdout();
+  standardOutputBack();
   vorelapp::installInterruptCleanup();
   return vorelapp::vorelMain(argc, argv, std::cout, std::cerr, ::isatty(STDERR_FILENO) != 0);
 }

@@ -426,7 +426,7 @@ TEST(Render, CameraDrivesTheLens) {
   EXPECT_LT(worst(in, out, {"B"}), 1e-5f);
   // Focused far away, on a small film back so that 16 pixels make a wide CoC: blurred.
   out = renderTo(dir / "soft.exr",
-                 Names{file, "--camera", "focus=1000,fstop=1.4,haperture=4"} + kSmall);
+                 Names{file, "--camera", "focal=50,focus=1000,fstop=1.4,haperture=4,vaperture=18.672"} + kSmall);
   EXPECT_GT(worst(in, out, {"B"}), 0.05f);
 }
 

@@ -13,6 +13,11 @@
 namespace DD {
 namespace Image {
 
+// Whether this thread is inside an _open, or is a worker that an _open spawned and waits for:
+// such a thread can never take the host's lock, which its own spawner holds.
+bool insideOpen();
+void markOpenWorker(bool fromOpen);
+
 // The host's back door into ops: knob lists, reports and request records.
 struct host::Access {
   static std::vector<Knob*>& knobs(Op& op) { return op.knobs_; }

@@ -12,6 +12,7 @@
 #include "DDImage/Knobs.h"
 #include "DDImage/MetaData.h"
 #include "DDImage/Op.h"
+#include "Access.h"
 
 namespace DD {
 namespace Image {
@@ -182,38 +183,44 @@ void Op::validate(bool for_real) {
 
 namespace {
 
-// The host's one lock around every _open, and the thread inside one.
+// The host's one lock around every _open.
 std::recursive_mutex& hostLock() {
   static std::recursive_mutex lock;
   return lock;
 }
-std::atomic<std::thread::id> gOpeningThread{std::thread::id()};
+thread_local int tOpenDepth = 0;
+thread_local bool tOpenWorker = false;
 
 }  // namespace
+
+bool insideOpen() { return tOpenDepth > 0 || tOpenWorker; }
+void markOpenWorker(bool fromOpen) { tOpenWorker = fromOpen; }
 
 void Op::open() {
   if (opened())
     return;
-  const std::thread::id self = std::this_thread::get_id();
-  const std::thread::id opening = gOpeningThread.load();
-  if (opening != std::thread::id() && opening != self) {
-    // The real host would block here on its lock, held by a thread that waits for this one.
+  if (tOpenWorker) {
+    // The real host would block here on its lock, held by the thread that waits for this one.
     error("opened from a worker thread while another op's _open held the host's lock");
     return;
   }
+  // Other threads (independent renders) wait their turn, as on the real host.
   std::lock_guard<std::recursive_mutex> lock(hostLock());
   validate(true);
   if (opened())
     return;
-  const std::thread::id outer = gOpeningThread.exchange(self);
   bool failed;
   {
     std::lock_guard<std::mutex> reports(reportMutex_);
     failed = hasError_;
   }
-  if (!failed)
+  if (!failed) {
+    struct Depth {
+      Depth() { ++tOpenDepth; }
+      ~Depth() { --tOpenDepth; }
+    } inside;
     _open();
-  gOpeningThread.store(outer);
+  }
   opened_.store(true, std::memory_order_release);
 }
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "DDImage/Thread.h"
+#include "Access.h"
 
 namespace DD {
 namespace Image {
@@ -30,9 +31,13 @@ bool Thread::spawn(ThreadFunction f, unsigned nThreads, void* userData) {
     return false;
   std::vector<std::thread> made;
   made.reserve(nThreads);
+  const bool fromOpen = insideOpen();
   for (unsigned i = 0; i < nThreads; ++i) {
     try {
-      made.emplace_back(f, i, nThreads, userData);
+      made.emplace_back([=]() {
+        markOpenWorker(fromOpen);
+        f(i, nThreads, userData);
+      });
     } catch (...) {
       // No thread to be had: the work still has to be done, so do it here.
       f(i, nThreads, userData);
