@@ -125,6 +125,10 @@ void addRenderInputs(CommandLine& c) {
   renderCmd->add_option("--threads", options.threads, "Threads (default: every core)")
       ->check(CLI::Range(0u, 1024u));
   renderCmd->add_flag("-q,--quiet", c.quiet, "Print errors only");
+  renderCmd->add_option("--coc-out", options.cocOut,
+                        "Also write the CoC each pixel was spread with (diameter in pixels, "
+                        "channel Y) as an EXR, to drive other tools with the same blur")
+      ->type_name("FILE");
 }
 
 void addRenderShotOptions(CommandLine& c) {

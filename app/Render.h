@@ -48,6 +48,9 @@ struct RenderOptions {
   // Focus on the depth at this pixel (host coordinates: y up from the format's bottom).
   bool hasFocusAt = false;
   int focusX = 0, focusY = 0;
+  // Where to write the CoC each pixel was spread with (an EXR, channel Y, in the output's
+  // windows), for driving other tools with the same blur; empty: nowhere.
+  std::string cocOut;
 };
 
 // Camera values as --camera takes them, for the header of what they made.

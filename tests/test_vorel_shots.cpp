@@ -215,14 +215,18 @@ TEST(Shots, KernelAndMattePathsFollowTheFrameToo) {
   }
   const Names knobs = kBlur + Names{"--set", "defocusMatteChannel=rgba.alpha"};
   ASSERT_EQ(vorel(dir, Names{"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-2",
-                             "--kernel", "k.#.exr", "--mattes", "m.%d.exr"} + knobs).code, 0);
+                             "--kernel", "k.#.exr", "--mattes", "m.%d.exr", "--coc-out", "coc.#.exr"} + knobs).code,
+            0);
   for (const std::string n : {"1", "2"}) {
     const Outcome one = vorel(dir, Names{"render", "in." + n + ".exr", "-o", "one.exr", "--kernel",
-                                         "k." + n + ".exr", "--mattes", "m." + n + ".exr"} + knobs);
+                                         "k." + n + ".exr", "--mattes", "m." + n + ".exr",
+                                         "--coc-out", "coc.exr"} + knobs);
     ASSERT_EQ(one.code, 0) << one.err;
     EXPECT_TRUE(samePixels(dir / ("out." + n + ".exr"), dir / "one.exr")) << n;
+    EXPECT_TRUE(samePixels(dir / ("coc." + n + ".exr"), dir / "coc.exr")) << n;
   }
   EXPECT_FALSE(samePixels(dir / "out.1.exr", dir / "out.2.exr"));
+  EXPECT_FALSE(samePixels(dir / "coc.1.exr", dir / "coc.2.exr"));
 }
 
 TEST(Shots, TheCameraFollowsItsTrack) {
