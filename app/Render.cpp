@@ -621,6 +621,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   Inputs in;
   loadImages(o, plan, report, in);
   makeCamera(o, report, in);
+  const double readSeconds = secondsSince(start);
 
   std::unique_ptr<Op> nodeOp = makeNode();
   Iop& node = static_cast<Iop&>(*nodeOp);
@@ -638,11 +639,13 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   const auto rowsStart = Clock::now();
   const Rendered out = runRows(node, v, in.input0, threads, report, start);
   const double rowSeconds = secondsSince(rowsStart);
+  const auto writeStart = Clock::now();
   // Made before anything is written, so that a node without the table leaves no file behind.
   const FlatImage coc = o.cocOut.empty() ? FlatImage() : cocImage(node, out.image);
   writeOutputs(o, plan, out, outputHeader(node, o, in));
   if (!o.cocOut.empty())
     writeExr(o.cocOut, coc);
+  const double writeSeconds = secondsSince(writeStart);
 
   RenderSummary summary;
   summary.width = v.box.w();
@@ -655,8 +658,10 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
       (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->frame()->maxCoC;
   summary.seconds = secondsSince(start);
+  summary.readSeconds = readSeconds;
   summary.openSeconds = openSeconds;
   summary.rowSeconds = rowSeconds;
+  summary.writeSeconds = writeSeconds;
   summary.threads = threads;
   return summary;
 }

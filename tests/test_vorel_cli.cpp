@@ -330,12 +330,15 @@ TEST(Render, DefocusSpreadsLightAsTheLensShapeSays) {
 
 // The CoC pass: 1 on the focal plane, the largest CoC on the far wall, in the output's windows;
 // refused for a deep input, whose pixels have a CoC per sample, and for a file that is not an EXR.
+// --timings is data for scripts, so --quiet leaves it on standard output.
 TEST(Render, CocPassHoldsTheBlurEachPixelWasSpreadWith) {
   TempDir dir;
   const std::string in = saved(dir / "in.exr", scene(30, 20, [](int x, int) { return x < 10 ? 200.0f : 1000.0f; }));
   const Outcome r = vorel(Names{"render", in, "-o", dir / "out.exr", "--coc-out", dir / "coc.exr", "--set",
-                                "focalPlane=200", "--set", "focusRegionSize=10", "--set", "multiplier=6"} + kSmall);
+                                "focalPlane=200", "--set", "focusRegionSize=10", "--set", "multiplier=6",
+                                "--timings", "--quiet"} + kSmall);
   ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("timings: read ", 0), 0u) << r.out;
   const FlatImage coc = readFlatImage(dir / "coc.exr");
   ASSERT_EQ(coc.channels, Names{"Y"});
   EXPECT_EQ(coc.box, (Rect{0, 0, 30, 20}));

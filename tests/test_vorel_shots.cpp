@@ -308,7 +308,7 @@ TEST(Shots, JsonRecordsAloneOnStandardOutput) {
   TempDir dir;
   FrameFile{}.write(dir / "in.1.exr");
   const Outcome r = vorel(dir, {"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-2",
-                                "--json", "--set", "max_kernelsize=12"}, true);
+                                "--json", "--timings", "--set", "max_kernelsize=12"}, true);
   EXPECT_EQ(r.code, 1);
   std::istringstream lines(r.out);
   std::vector<std::string> records;
@@ -318,6 +318,8 @@ TEST(Shots, JsonRecordsAloneOnStandardOutput) {
   EXPECT_EQ(records[0].rfind("{\"frame\":1,\"file\":\"out.1.exr\"", 0), 0u) << records[0];
   EXPECT_NE(records[0].find("\"status\":\"done\",\"time\":"), std::string::npos);
   EXPECT_NE(records[0].find("\"maxCoC\":"), std::string::npos);
+  EXPECT_NE(records[0].find("\"readTime\":"), std::string::npos);
+  EXPECT_NE(records[0].find("\"writeTime\":"), std::string::npos);
   EXPECT_NE(records[1].find("\"status\":\"failed\""), std::string::npos);
   EXPECT_NE(records[1].find("no such file: in.2.exr"), std::string::npos);
 
