@@ -86,7 +86,7 @@ struct CommandLine {
   ShotOptions shot;
   std::string camera, settingsFrom, focusAt;
   std::vector<std::string> sets, presets;
-  bool quiet = false, json = false, half = false, asFloat = false;
+  bool quiet = false, json = false, half = false, asFloat = false, timings = false;
   bool knobsJson = false;
   std::string demoDir;
   int demoWidth = 640, demoHeight = 360;
@@ -139,6 +139,13 @@ void addRenderInputs(CommandLine& c) {
                         "Refuse images whose pixels need more (e.g. 8G); default: the memory "
                         "available")
       ->type_name("SIZE");
+  renderCmd->add_option("--coc-out", options.cocOut,
+                        "Also write the CoC each pixel was spread with (diameter in pixels, "
+                        "channel Y) as an EXR, to drive other tools with the same blur")
+      ->type_name("FILE");
+  renderCmd->add_flag("--timings", c.timings,
+                      "Also print where each frame's time went: read, open, rows, write "
+                      "(with --json, in the record)");
 }
 
 void addRenderShotOptions(CommandLine& c) {
@@ -329,6 +336,17 @@ std::string frameLine(const FrameRecord& r, std::size_t finished, std::size_t co
   }
 }
 
+// Asked for by --timings: on standard output, as data, whatever --quiet says.
+std::string timingsLine(const FrameRecord& r) {
+  const RenderSummary& s = r.summary;
+  std::ostringstream line;
+  if (r.numbered)
+    line << "frame " << r.frame << ": ";
+  line << "timings: read " << s.readSeconds << " s, open " << s.openSeconds << " s, rows "
+       << s.rowSeconds << " s, write " << s.writeSeconds << " s";
+  return line.str();
+}
+
 int shotEnd(const ShotResult& result, bool quiet, std::ostream& err) {
   if (result.frames.size() <= 1 && (result.frames.empty() || !result.frames[0].numbered))
     return kExitOk;
@@ -379,6 +397,8 @@ int runRender(CommandLine& c, std::ostream& out, std::ostream& err, bool errIsTe
       out << frameJson(r) << "\n" << std::flush;
     if (!c.quiet || r.status == FrameRecord::Failed)
       err << kProgram << ": " << frameLine(r, finished, count, left) << "\n";
+    if (c.timings && !c.json && r.status == FrameRecord::Done)
+      out << timingsLine(r) << "\n" << std::flush;
   };
   try {
     return shotEnd(renderShot(shot, report), c.quiet, err);

@@ -162,6 +162,16 @@ void completeJob(SubmitRequest& request) {
     if (!hasFramePattern(o))
       throw UsageError("farm submit: the output " + o +
                        " has no frame number (####, %04d or @): every task would write the same file");
+  // A task renders a chunk, maybe of one frame, so vorel render alone would not catch this.
+  for (std::size_t i = 0; i < job.renderArgs.size(); ++i) {
+    const std::string& a = job.renderArgs[i];
+    const std::string coc = a == "--coc-out" && i + 1 < job.renderArgs.size() ? job.renderArgs[i + 1]
+                            : a.rfind("--coc-out=", 0) == 0                    ? a.substr(10)
+                                                                               : "";
+    if (!coc.empty() && !hasFramePattern(coc))
+      throw UsageError("farm submit: --coc-out " + coc +
+                       " has no frame number (####, %04d or @): every task would write the same file");
+  }
   if (job.jobName.empty() || job.jobName.find_first_of(" \t\n'\"/") != std::string::npos)
     throw UsageError("--job-name: '" + job.jobName + "' must be one word without quotes or slashes");
 

@@ -97,8 +97,10 @@ std::string frameJson(const FrameRecord& r) {
   s += ",\"files\":" + stringArray(r.outputs);
   s += ",\"status\":" + jsonString(kStatus[r.status]);
   s += ",\"time\":" + (done ? number(r.summary.seconds) : std::string("null"));
+  s += ",\"readTime\":" + (done ? number(r.summary.readSeconds) : std::string("null"));
   s += ",\"openTime\":" + (done ? number(r.summary.openSeconds) : std::string("null"));
   s += ",\"rowTime\":" + (done ? number(r.summary.rowSeconds) : std::string("null"));
+  s += ",\"writeTime\":" + (done ? number(r.summary.writeSeconds) : std::string("null"));
   s += ",\"maxCoC\":" +
        (done && r.summary.maxCoC >= 0 ? std::to_string(r.summary.maxCoC) : std::string("null"));
   s += ",\"warnings\":" + stringArray(r.warnings);

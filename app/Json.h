@@ -17,9 +17,10 @@ std::string jsonString(const std::string& text);
 std::string knobsJson(const DD::Image::Op& op);
 
 // `vorel render --json`: one line per frame: frame (null without frame numbers), file (the first
-// output), files, status ("done", "skipped", "failed"), time (seconds), openTime and rowTime
-// (of time: building kernels and tables, making rows), maxCoC (null when the output type has
-// none), warnings, error (null unless failed).
+// output), files, status ("done", "skipped", "failed"), time (seconds), readTime, openTime,
+// rowTime and writeTime (of time: reading files, building kernels and tables, making rows,
+// writing files), maxCoC (null when the output type has none), warnings, error (null unless
+// failed).
 std::string frameJson(const FrameRecord& record);
 
 }  // namespace vorelapp

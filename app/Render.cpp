@@ -259,15 +259,22 @@ Plan checkPlan(const RenderOptions& o) {
     plan.deepPath = plan.input;
     plan.input.clear();
   }
+  if (!o.cocOut.empty() && fileKindFor(o.cocOut) != FileKind::Exr)
+    throw UsageError("cannot write the CoC to " + o.cocOut + ": it must be an .exr");
+  if (!o.cocOut.empty() && !plan.deepPath.empty())
+    throw UsageError("--coc-out needs a flat input: a deep pixel has a CoC per sample");
   std::vector<std::string> reads = {plan.input, plan.deepPath, o.kernel, o.mattes};
   reads.insert(reads.end(), o.presetFiles.begin(), o.presetFiles.end());
-  for (std::size_t i = 0; i < o.outputs.size(); ++i) {
-    const std::string& output = o.outputs[i];
+  std::vector<std::string> writes = o.outputs;
+  if (!o.cocOut.empty())
+    writes.push_back(o.cocOut);
+  for (std::size_t i = 0; i < writes.size(); ++i) {
+    const std::string& output = writes[i];
     for (const std::string& in : reads)
       if (!in.empty() && sameFile(in, output))
         throw UsageError("the output " + output + " is also an input; choose another name");
     for (std::size_t j = 0; j < i; ++j)
-      if (sameFile(o.outputs[j], output))
+      if (sameFile(writes[j], output))
         throw UsageError("the output " + output + " is given twice");
     std::error_code ec;
     if (fs::is_directory(output, ec))
@@ -554,6 +561,31 @@ void writeRendered(const RenderOptions& o, const Rendered& out, const ExrHeader&
                index(Chan_Alpha), &header);
 }
 
+// The CoC the frame's table holds for each pixel of the output's box, in the output's windows:
+// the diameter each pixel was spread with, after the defocus matte and the floor of 1. Pixels
+// beyond the table are clamped to it as the engine clamps them.
+FlatImage cocImage(const Iop& node, const FlatImage& like) {
+  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
+  const auto frame = vorelNode ? vorelNode->frame() : nullptr;
+  if (!frame || !frame->flatSources.ready)
+    throw UsageError("--coc-out needs the Defocused Image or Lens Bloom output of a flat input");
+  const vorel::FlatSourceTable& table = frame->flatSources;
+  FlatImage coc;
+  coc.format = like.format;
+  coc.box = like.box;
+  coc.channels = {"Y"};
+  coc.allocate();
+  for (int y = coc.box.y; y < coc.box.t; ++y) {
+    const int fy = std::max(table.bottom, std::min(table.top, y));
+    float* row = coc.row(0, y);
+    for (int x = coc.box.x; x < coc.box.r; ++x) {
+      const int sx = std::max(table.left, std::min(table.right - 1, x));
+      row[x - coc.box.x] = table.coc[table.index(sx, fy)];
+    }
+  }
+  return coc;
+}
+
 }  // namespace
 
 CameraValues parseCamera(const std::string& text) {
@@ -609,6 +641,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   Inputs in;
   loadImages(o, plan, report, in);
   makeCamera(o, report, in);
+  const double readSeconds = secondsSince(start);
 
   std::unique_ptr<Op> nodeOp = makeNode();
   Iop& node = static_cast<Iop&>(*nodeOp);
@@ -630,7 +663,13 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   const Rendered out = runRows(node, v, in.input0, threads, report, start);
   const double rowSeconds = secondsSince(rowsStart);
   refuseBlackRender(node, out.image, out.channels, in.input0.op.get());
+  const auto writeStart = Clock::now();
+  // Made before anything is written, so that a node without the table leaves no file behind.
+  const FlatImage coc = o.cocOut.empty() ? FlatImage() : cocImage(node, out.image);
   writeRendered(o, out, outputHeader(node, o, in));
+  if (!o.cocOut.empty())
+    writeExr(o.cocOut, coc);
+  const double writeSeconds = secondsSince(writeStart);
 
   RenderSummary summary;
   summary.width = v.box.w();
@@ -643,8 +682,10 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
       (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->frame()->maxCoC;
   summary.seconds = secondsSince(start);
+  summary.readSeconds = readSeconds;
   summary.openSeconds = openSeconds;
   summary.rowSeconds = rowSeconds;
+  summary.writeSeconds = writeSeconds;
   summary.threads = threads;
   return summary;
 }

@@ -54,6 +54,9 @@ struct RenderOptions {
   std::string part;      // input 0's part of a multi-part file, by name or index
   std::string badPixels = "keep";  // NaN and infinite input values: "keep" or "zero"
   std::string maxMemory;  // largest image to take on ("8G"); empty: the memory available
+  // Where to write the CoC each pixel was spread with (an EXR, channel Y, in the output's
+  // windows), for driving other tools with the same blur; empty: nowhere.
+  std::string cocOut;
 };
 
 // Sets what reading the inputs obeys: the part of `input0`, the memory budget, bad pixels.
@@ -77,9 +80,10 @@ struct RenderSummary {
   int maxCoC = -1;  // -1 when the output type does not look for it
   double seconds = 0.0;
   unsigned threads = 0;
-  // Of `seconds`: building what the frame's rows read (master kernel, CoC scan, kernel bank,
-  // source tables) and making the rows.
-  double openSeconds = 0.0, rowSeconds = 0.0;
+  // Of `seconds`: reading the files, building what the frame's rows read (master kernel, CoC
+  // scan, kernel bank, source tables), making the rows and writing the files. Setting up and
+  // validating the node between reading and opening is in none of them.
+  double readSeconds = 0.0, openSeconds = 0.0, rowSeconds = 0.0, writeSeconds = 0.0;
 };
 
 // Throws UsageError or RenderError; on any failure no output file is left behind.

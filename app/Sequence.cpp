@@ -24,6 +24,8 @@ void checkUnnumbered(const RenderOptions& o) {
   for (const std::string& output : o.outputs)
     if (hasFramePattern(output))
       throw UsageError("-o " + output + " has a frame pattern; give the frames with --frames");
+  if (hasFramePattern(o.cocOut))
+    throw UsageError("--coc-out " + o.cocOut + " has a frame pattern; give the frames with --frames");
   std::error_code ec;
   for (const std::string* in : {&o.input, &o.deep, &o.kernel, &o.mattes})
     if (!in->empty() && hasFramePattern(*in) && !fs::exists(*in, ec))
@@ -37,6 +39,9 @@ void checkNumbered(const RenderOptions& o, std::size_t frameCount) {
     if (!hasFramePattern(output))
       throw UsageError("-o " + output + " has no frame pattern (####, %04d or @), so every " +
                        "frame would write over it");
+  if (!o.cocOut.empty() && !hasFramePattern(o.cocOut))
+    throw UsageError("--coc-out " + o.cocOut + " has no frame pattern (####, %04d or @), so " +
+                     "every frame would write over it");
 }
 
 // The record's end: how long the shot has taken, and how long the frames not yet finished are
@@ -64,6 +69,7 @@ FrameRecord renderFrame(const Shot& shot, std::size_t index, const ShotReport& r
       bool all = true;
       for (const std::string& output : o.outputs)
         all = all && fs::exists(output, ec);
+      all = all && (o.cocOut.empty() || fs::exists(o.cocOut, ec));
       if (all) {
         record.status = FrameRecord::Skipped;
         return record;
@@ -125,6 +131,8 @@ RenderOptions frameOptions(const Shot& shot, int frame) {
       *path = framePath(*path, frame);
   for (std::string& output : o.outputs)
     output = framePath(output, frame);
+  if (!o.cocOut.empty())
+    o.cocOut = framePath(o.cocOut, frame);
   for (std::size_t i = 0; i < o.settings.size() && i < shot.curves.size(); ++i)
     if (shot.curves[i])
       o.settings[i].value = shot.curves[i]->textAt(frame);

@@ -166,6 +166,9 @@ TEST(FarmSubmit, EveryFailureIsOneLineWithItsStatus) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_EQ(farm({"submit", "-o", "a.exr", "--frames", "1-2"}).code, 2);
+  // Tasks of one frame each would all write this one file.
+  EXPECT_EQ(farm({"submit", "-o", "a.#.exr", "--frames", "1-2", "--chunk", "1", "--coc-out", "c.exr", "--dry-run"}).code,
+            2);
   // A '%' in a log directory is sbatch's pattern character; it is kept as a plain one.
   const Outcome percent = farm({"submit", "-o", "a.#.exr", "--frames", "1-2", "--log-dir", "/r/100%", "--dry-run"});
   EXPECT_NE(percent.out.find("--output=\"/r/100%%/vorel-%A_%a.log\""), std::string::npos) << percent.out;

@@ -328,6 +328,32 @@ TEST(Render, DefocusSpreadsLightAsTheLensShapeSays) {
   EXPECT_NEAR(out.row(0, 12)[15], out.row(0, 15)[12], 0.05f * out.row(0, 15)[12]);
 }
 
+// The CoC pass: 1 on the focal plane, the largest CoC on the far wall, in the output's windows;
+// refused for a deep input, whose pixels have a CoC per sample, and for a file that is not an EXR.
+// --timings is data for scripts, so --quiet leaves it on standard output.
+TEST(Render, CocPassHoldsTheBlurEachPixelWasSpreadWith) {
+  TempDir dir;
+  const std::string in = saved(dir / "in.exr", scene(30, 20, [](int x, int) { return x < 10 ? 200.0f : 1000.0f; }));
+  const Outcome r = vorel(Names{"render", in, "-o", dir / "out.exr", "--coc-out", dir / "coc.exr", "--set",
+                                "focalPlane=200", "--set", "focusRegionSize=10", "--set", "multiplier=6",
+                                "--timings", "--quiet"} + kSmall);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("timings: read ", 0), 0u) << r.out;
+  const FlatImage coc = readFlatImage(dir / "coc.exr");
+  ASSERT_EQ(coc.channels, Names{"Y"});
+  EXPECT_EQ(coc.box, (Rect{0, 0, 30, 20}));
+  EXPECT_EQ(coc.row(0, 5)[3], 1.0f);
+  EXPECT_EQ(coc.row(0, 5)[25], 6.0f);
+
+  EXPECT_EQ(vorel(Names{"render", in, "-o", dir / "o.exr", "--coc-out", dir / "coc.png"}).code, 2);
+  const DemoScene demo = makeDemoScene(32, 18);
+  const std::string deep = dir / "deep.exr";
+  writeDeepExr(deep, demo.deep);
+  EXPECT_EQ(vorel(Names{"render", "--deep", deep, "-o", dir / "d.exr", "--coc-out", dir / "dcoc.exr"}).code, 2);
+  EXPECT_FALSE(fs::exists(dir / "o.exr"));
+  EXPECT_FALSE(fs::exists(dir / "d.exr"));
+}
+
 TEST(Render, FocusMatteAndPresetsWithLaterSettingsWinning) {
   TempDir dir;
   const std::string in =

@@ -215,14 +215,18 @@ TEST(Shots, KernelAndMattePathsFollowTheFrameToo) {
   }
   const Names knobs = kBlur + Names{"--set", "defocusMatteChannel=rgba.alpha"};
   ASSERT_EQ(vorel(dir, Names{"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-2",
-                             "--kernel", "k.#.exr", "--mattes", "m.%d.exr"} + knobs).code, 0);
+                             "--kernel", "k.#.exr", "--mattes", "m.%d.exr", "--coc-out", "coc.#.exr"} + knobs).code,
+            0);
   for (const std::string n : {"1", "2"}) {
     const Outcome one = vorel(dir, Names{"render", "in." + n + ".exr", "-o", "one.exr", "--kernel",
-                                         "k." + n + ".exr", "--mattes", "m." + n + ".exr"} + knobs);
+                                         "k." + n + ".exr", "--mattes", "m." + n + ".exr",
+                                         "--coc-out", "coc.exr"} + knobs);
     ASSERT_EQ(one.code, 0) << one.err;
     EXPECT_TRUE(samePixels(dir / ("out." + n + ".exr"), dir / "one.exr")) << n;
+    EXPECT_TRUE(samePixels(dir / ("coc." + n + ".exr"), dir / "coc.exr")) << n;
   }
   EXPECT_FALSE(samePixels(dir / "out.1.exr", dir / "out.2.exr"));
+  EXPECT_FALSE(samePixels(dir / "coc.1.exr", dir / "coc.2.exr"));
 }
 
 TEST(Shots, TheCameraFollowsItsTrack) {
@@ -304,7 +308,7 @@ TEST(Shots, JsonRecordsAloneOnStandardOutput) {
   TempDir dir;
   FrameFile{}.write(dir / "in.1.exr");
   const Outcome r = vorel(dir, {"render", "in.#.exr", "-o", "out.#.exr", "--frames", "1-2",
-                                "--json", "--set", "max_kernelsize=12"}, true);
+                                "--json", "--timings", "--set", "max_kernelsize=12"}, true);
   EXPECT_EQ(r.code, 1);
   std::istringstream lines(r.out);
   std::vector<std::string> records;
@@ -314,6 +318,8 @@ TEST(Shots, JsonRecordsAloneOnStandardOutput) {
   EXPECT_EQ(records[0].rfind("{\"frame\":1,\"file\":\"out.1.exr\"", 0), 0u) << records[0];
   EXPECT_NE(records[0].find("\"status\":\"done\",\"time\":"), std::string::npos);
   EXPECT_NE(records[0].find("\"maxCoC\":"), std::string::npos);
+  EXPECT_NE(records[0].find("\"readTime\":"), std::string::npos);
+  EXPECT_NE(records[0].find("\"writeTime\":"), std::string::npos);
   EXPECT_NE(records[1].find("\"status\":\"failed\""), std::string::npos);
   EXPECT_NE(records[1].find("no such file: in.2.exr"), std::string::npos);
 
