@@ -17,7 +17,15 @@ const FilmBack kFilmFormats[kFilmFormatCount] = {
     {"Super 35mm", 24.89f, 18.67f}, {"Vista Vision", 37.7f, 25.17f}, {"16mm", 10.26f, 7.49f},
     {"Super 16mm", 12.52f, 7.41f}, {"APSC", 22.2f, 14.8f},       {"Four Thirds", 17.3f, 13.0f},
     {"Custom", 0.0f, 0.0f},
+    {"Full Frame", 36.0f, 24.0f},  {"APS-H", 27.9f, 18.6f},      {"Medium Format", 43.8f, 32.9f},
+    {"Super 8", 5.79f, 4.01f},
 };
+
+const FilmBack* presetFilmBack(int filmFormat) {
+  if (filmFormat < 0 || filmFormat >= kFilmFormatCount || filmFormat == kCustomFilmFormat)
+    return nullptr;
+  return &kFilmFormats[filmFormat];
+}
 
 const char* const kOutputTypeNames[] = {"Defocused Image", "Lens Bloom", "Focal Distance Visualization",
                                         "Filter Shape", "Focus Matte", nullptr};
@@ -27,7 +35,7 @@ const char* const kFalloffNames[] = {"Linear", "Quadratic", nullptr};
 const char* const kWorldScaleNames[] = {"mm", "cm", "m", "inches", "feet", nullptr};
 const char* const kFilmFormatNames[] = {"35mm",       "Academy", "Anamorphic", "Super 35mm", "Vista Vision",
                                         "16mm",       "Super 16mm", "APSC",    "Four Thirds", "Custom",
-                                        nullptr};
+                                        "Full Frame", "APS-H",   "Medium Format", "Super 8", nullptr};
 const char* const kKernelTypeNames[] = {"Input", "Circular", "Aperture Blades", nullptr};
 
 const char* versionText() {
@@ -248,10 +256,9 @@ int tzVorel::knob_changed(Knob* k) {
     if (params_.filmFormat != kCustomFilmFormat) {
       if (width) width->disable();
       if (height) height->disable();
-      if (params_.filmFormat >= 0 && params_.filmFormat < kCustomFilmFormat) {
-        const FilmBack& back = kFilmFormats[params_.filmFormat];
-        if (width) width->set_value(static_cast<double>(back.width), -1);
-        if (height) height->set_value(static_cast<double>(back.height), -1);
+      if (const FilmBack* back = presetFilmBack(params_.filmFormat)) {
+        if (width) width->set_value(static_cast<double>(back->width), -1);
+        if (height) height->set_value(static_cast<double>(back->height), -1);
       }
     } else {
       if (width) width->enable();

@@ -9,9 +9,13 @@ struct FilmBack {
   float height;
 };
 
-// Entries 0 to 8 carry a film back; entry 9, "Custom", takes the typed-in size.
-constexpr int kFilmFormatCount = 10;
+// Entries 0 to 8 carry a film back; entry 9, "Custom", takes the typed-in size. The entries after
+// it are the film backs users reach for today, kept behind Custom so that saved indices hold.
+constexpr int kFilmFormatCount = 14;
 extern const FilmBack kFilmFormats[kFilmFormatCount];
+
+// The film back a format gives, or null for "Custom" (and for an index outside the table).
+const FilmBack* presetFilmBack(int filmFormat);
 
 extern const char* const kOutputTypeNames[];
 extern const char* const kFocusOutputNames[];

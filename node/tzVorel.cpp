@@ -120,9 +120,9 @@ Frame tzVorel::validatedFrame(bool for_real) {
     error("No input kernel connected!");
 
   // A preset film format gives the film back (a camera, below, overrides it).
-  if (params_.filmFormat >= 0 && params_.filmFormat < kCustomFilmFormat) {
-    params_.apertureWidth = kFilmFormats[params_.filmFormat].width;
-    params_.apertureHeight = kFilmFormats[params_.filmFormat].height;
+  if (const FilmBack* back = presetFilmBack(params_.filmFormat)) {
+    params_.apertureWidth = back->width;
+    params_.apertureHeight = back->height;
   }
 
   // node_input tells what is connected; the op holding the render's values is input(2), and a

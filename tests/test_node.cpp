@@ -139,6 +139,13 @@ TEST(Panel, FilmFormatFillsAndLocksTheFilmBack) {
   EXPECT_TRUE(enabled(*node, "apertureHeight"));
   EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureWidth")), 21.3f);
 
+  // The formats behind Custom fill in and lock like those before it.
+  EXPECT_EQ(node->knob("filmFormat")->enumerationEntries()[10], "Full Frame");
+  setKnob(*node, "filmFormat", 10);
+  EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureWidth")), 36.0f);
+  EXPECT_FLOAT_EQ(float(knobValue(*node, "apertureHeight")), 24.0f);
+  EXPECT_FALSE(enabled(*node, "apertureWidth"));
+
   EXPECT_EQ(node->knob_changed(node->knob("filmFormat")), 1);
   EXPECT_EQ(node->knob_changed(node->knob("realWorldLens")), 1);
   EXPECT_EQ(node->knob_changed(node->knob("overrideNearAndFarForSlices")), 1);
