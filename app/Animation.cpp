@@ -10,19 +10,11 @@
 #include <sstream>
 
 #include "app/AppError.h"
+#include "app/Knobs.h"
 
 namespace vorelapp {
 
 namespace {
-
-bool parseFinite(const std::string& text, double& v) {
-  if (text.empty())
-    return false;
-  char* end = nullptr;
-  errno = 0;
-  v = std::strtod(text.c_str(), &end);
-  return end == text.c_str() + text.size() && errno != ERANGE && std::isfinite(v);
-}
 
 std::vector<std::string> split(const std::string& text, const char* separators) {
   std::vector<std::string> parts;
@@ -41,7 +33,7 @@ std::vector<std::string> split(const std::string& text, const char* separators) 
 // "1001:0.6,1,1" into its frame and numbers; false if it is not a key.
 bool parseKey(const std::string& token, double& frame, std::vector<double>& values) {
   const auto colon = token.find(':');
-  if (colon == std::string::npos || !parseFinite(token.substr(0, colon), frame))
+  if (colon == std::string::npos || !parseNumber(token.substr(0, colon), frame))
     return false;
   values.clear();
   const std::string rest = token.substr(colon + 1);
@@ -49,7 +41,7 @@ bool parseKey(const std::string& token, double& frame, std::vector<double>& valu
     return false;
   for (const std::string& v : split(rest, ",")) {
     double d;
-    if (!parseFinite(v, d))
+    if (!parseNumber(v, d))
       return false;
     values.push_back(d);
   }
@@ -112,7 +104,7 @@ Curve Curve::fromChanFile(const std::string& path, const std::string& origin) {
     std::vector<double> values;
     for (const std::string& f : fields) {
       double v;
-      if (!parseFinite(f, v))
+      if (!parseNumber(f, v))
         throw UsageError(origin + ": " + where + ": '" + f + "' is not a number");
       values.push_back(v);
     }

@@ -57,7 +57,8 @@ std::vector<std::string> splitList(const std::string& text) {
   return parts;
 }
 
-// A finite number, the whole text of it.
+}  // namespace
+
 bool parseNumber(const std::string& text, double& v) {
   const std::string t = trim(text);
   if (t.empty())
@@ -67,6 +68,8 @@ bool parseNumber(const std::string& text, double& v) {
   v = std::strtod(t.c_str(), &end);
   return end == t.c_str() + t.size() && errno != ERANGE && std::isfinite(v);
 }
+
+namespace {
 
 bool parseInteger(const std::string& text, long& v) {
   const std::string t = trim(text);

@@ -24,6 +24,9 @@ struct KnobSetting {
 // Splits "KNOB=VALUE". Throws UsageError without an '='.
 KnobSetting parseSetting(const std::string& text, const std::string& origin);
 
+// A finite number, the whole text of it (blanks around it allowed); false for anything else.
+bool parseNumber(const std::string& text, double& v);
+
 // Reads a preset: one "name value" (or "name=value") per line, '#' starts a comment, blank lines
 // are skipped, a value may be quoted. Throws UsageError for a missing file or a line without a
 // value.

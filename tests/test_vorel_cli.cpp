@@ -47,21 +47,6 @@ FlatImage renderTo(const std::string& out, const Names& args, std::string* err =
   return readFlatImage(out);
 }
 
-// An image whose every value in the box is f(channel, x, y).
-FlatImage image(Rect format, Rect box, Names channels,
-                const std::function<float(int, int, int)>& f) {
-  FlatImage im;
-  im.format = format;
-  im.box = box;
-  im.channels = std::move(channels);
-  im.allocate();
-  for (int c = 0; c < int(im.channels.size()); ++c)
-    for (int y = box.y; y < box.t; ++y)
-      for (int x = box.x; x < box.r; ++x)
-        im.row(c, y)[x - box.x] = f(c, x, y);
-  return im;
-}
-
 std::string saved(const std::string& path, const FlatImage& image) {
   writeExr(path, image);
   return path;

@@ -24,6 +24,7 @@
 #include <thread>
 
 #include "app/ImageFiles.h"
+#include "support/RunVorel.h"
 
 namespace fs = std::filesystem;
 using namespace vorelapp;
@@ -58,11 +59,8 @@ struct TempDir {
   }
 };
 
-std::string bytes(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
+using vorelapp::test::bytes;
+using vorelapp::test::image;
 
 struct Outcome {
   int code = -1;    // the exit status, -1 if a signal ended it
@@ -118,21 +116,6 @@ Outcome vorel(const TempDir& dir, const Names& args, rlim_t fileSizeLimit = RLIM
 std::string describe(const Outcome& r) {
   return "exit " + std::to_string(r.code) + ", signal " + std::to_string(r.signal) + ", stderr: " +
          r.err;
-}
-
-// An image whose every value in the box is f(channel, x, y).
-FlatImage image(Rect format, Rect box, Names channels,
-                const std::function<float(int, int, int)>& f) {
-  FlatImage im;
-  im.format = format;
-  im.box = box;
-  im.channels = std::move(channels);
-  im.allocate();
-  for (int c = 0; c < int(im.channels.size()); ++c)
-    for (int y = box.y; y < box.t; ++y)
-      for (int x = box.x; x < box.r; ++x)
-        im.row(c, y)[x - box.x] = f(c, x, y);
-  return im;
 }
 
 // RGBA and Z, colour in a pattern that a blur changes, depth from `depth`.

@@ -56,6 +56,21 @@ Names TempDir::entries() const {
   return names;
 }
 
+// An image whose every value in the box is f(channel, x, y).
+FlatImage image(Rect format, Rect box, Names channels,
+                const std::function<float(int, int, int)>& f) {
+  FlatImage im;
+  im.format = format;
+  im.box = box;
+  im.channels = std::move(channels);
+  im.allocate();
+  for (int c = 0; c < int(im.channels.size()); ++c)
+    for (int y = box.y; y < box.t; ++y)
+      for (int x = box.x; x < box.r; ++x)
+        im.row(c, y)[x - box.x] = f(c, x, y);
+  return im;
+}
+
 std::string bytes(const std::string& path) {
   std::stringstream s;
   s << std::ifstream(path, std::ios::binary).rdbuf();

@@ -4,8 +4,11 @@
 // its own per test.
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "app/ImageFiles.h"
 
 namespace vorelapp {
 namespace test {
@@ -25,6 +28,10 @@ struct TempDir {
   // Names of everything in the directory, sorted, to see that nothing was left behind.
   Names entries() const;
 };
+
+// An image whose every value in the box is f(channel, x, y).
+FlatImage image(Rect format, Rect box, Names channels,
+                const std::function<float(int, int, int)>& f);
 
 // A file's whole content.
 std::string bytes(const std::string& path);
