@@ -13,6 +13,7 @@
 #include "engines/FlatSourceTable.h"
 #include "engines/Frame.h"
 #include "engines/OpticalArtefacts.h"
+#include "lens/BoxArea.h"
 #include "lens/ParallelRows.h"
 #include "lens/ReadWindow.h"
 
@@ -126,7 +127,7 @@ DeepSourceTable buildDeepSourceTable(const Frame& frame) {
   table.left = frame.box.x() - R;
   table.right = frame.box.r() + R;
   table.window = deepReadWindow(frame.format, deep->deepInfo().box());
-  if (table.right <= table.left || table.window.empty())
+  if (table.right <= table.left || isEmptyArea(table.window))
     return table;
   // The window's rows that the box's rows, padded by the reach, clamp to: a window far taller
   // than the data costs no more than the data.

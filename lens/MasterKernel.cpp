@@ -8,6 +8,7 @@
 #include "DDImage/Channel.h"
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
+#include "lens/BoxArea.h"
 #include "lens/CircleOfConfusion.h"
 
 using DD::Image::Box;
@@ -166,9 +167,8 @@ MasterKernelPart buildMasterKernelPart(const NodeParameters& p, const DD::Image:
 
   // The values depend on the whole kernel's size, never on which of them are held.
   Box& part = result.window;
-  part = Box(0, 0, size, size);
-  part.intersect(wanted);
-  if (part.empty())
+  part = commonArea(Box(0, 0, size, size), wanted);
+  if (isEmptyArea(part))
     part = Box(0, 0, 0, 0);
   master.allocate(p.vorelChannels, part.w(), part.h());
   if (master.empty())

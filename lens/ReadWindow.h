@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "DDImage/Box.h"
+#include "lens/BoxArea.h"
 
 namespace vorel {
 
@@ -18,11 +19,9 @@ inline int clampInto(int v, int lo, int hi) { return std::max(lo, std::min(hi - 
 // one that doesn't would otherwise leave the data unread, and a deep image beside its display
 // window black.
 inline DD::Image::Box deepReadWindow(const DD::Image::Box& format, const DD::Image::Box& deepData) {
-  DD::Image::Box window = format;
-  if (window.empty())
-    return window;
-  window.merge(deepData);
-  return window;
+  if (isEmptyArea(format))
+    return format;
+  return unionArea(format, deepData);
 }
 
 }  // namespace vorel

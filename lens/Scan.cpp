@@ -12,6 +12,7 @@
 #include "DDImage/DeepPlane.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
+#include "lens/BoxArea.h"
 #include "lens/CircleOfConfusion.h"
 #include "lens/ReadWindow.h"
 
@@ -97,7 +98,7 @@ void scanFlatRow(const NodeParameters& p, Iop& source, int y, const ClampedStret
 void scanFlat(const NodeParameters& p, const Box& format, Iop& source, int& maxCoC) {
   Box box = source.info().box();
   // An input without data reads 0 everywhere: any one pixel stands for all of them.
-  if (box.empty())
+  if (isEmptyArea(box))
     box = Box(format.x(), format.y(), format.x() + 1, format.y() + 1);
   const ClampedStretch columns = clampedStretch(format.x(), format.r(), box.x(), box.r());
   const ClampedStretch rows = clampedStretch(format.y(), format.t(), box.y(), box.t());
@@ -136,9 +137,9 @@ bool scanDeepRow(const NodeParameters& p, DeepOp& deep, int y, int left, int rig
 void scanDeep(const NodeParameters& p, const Box& format, DeepOp& deep, int& maxCoC) {
   const Box& data = deep.deepInfo().box();
   Box walked = deepReadWindow(format, data);
-  if (walked.empty())
+  if (isEmptyArea(walked))
     return;
-  walked.intersect(data);
+  walked = commonArea(walked, data);
   for (int y = walked.y(); walked.r() > walked.x() && y < walked.t(); ++y)
     if (!scanDeepRow(p, deep, y, walked.x(), walked.r(), maxCoC))
       return;
@@ -149,7 +150,7 @@ void scanDeep(const NodeParameters& p, const Box& format, DeepOp& deep, int& max
 ScanResult scanMaxCoC(const NodeParameters& p, const Box& format, Iop* source, DeepOp* deep) {
   ScanResult result;
   int maxCoC = 0;
-  if (!format.empty()) {
+  if (!isEmptyArea(format)) {
     if (p.hasDeepInput) {
       if (deep)
         scanDeep(p, format, *deep, maxCoC);

@@ -11,6 +11,7 @@
 #include "engines/DeepSamples.h"
 #include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
+#include "lens/BoxArea.h"
 #include "lens/CircleOfConfusion.h"
 #include "lens/KernelBank.h"
 #include "lens/MasterKernel.h"
@@ -204,9 +205,8 @@ void tzVorel::_request(int x, int y, int r, int t, ChannelMask channels, int cou
   Box padded(x - K, y - K, r + K, t + K);
   const bool defocus = p.outputType == OutputDefocusedImage || p.outputType == OutputLensBloom;
   if (defocus) {
-    Box whole = f.format;
-    whole.merge(f.box);
-    padded.merge(Box(whole.x() - K, whole.y() - K, whole.r() + K, whole.t() + K));
+    const Box whole = unionArea(f.format, f.box);
+    padded = unionArea(padded, Box(whole.x() - K, whole.y() - K, whole.r() + K, whole.t() + K));
   }
   // Every output row of the defocus reads 2K+1 rows of input 0, the mattes and the deep input;
   // the host caches an input only when its count says it is read more than once.

@@ -19,6 +19,9 @@ bool insideOpen();
 void markOpenWorker(bool fromOpen);
 
 // The host's back door into ops: knob lists, reports and request records.
+// The real Box has no test for emptiness; the host's bookkeeping needs one.
+inline bool emptyBox(const Box& b) { return b.r() <= b.x() || b.t() <= b.y(); }
+
 struct host::Access {
   static std::vector<Knob*>& knobs(Op& op) { return op.knobs_; }
   static void setGraphInput(Op& op, int i, Op* graphOp) {
@@ -27,7 +30,7 @@ struct host::Access {
     op.graphInputs_[static_cast<std::size_t>(i)] = graphOp;
   }
   static void noteRequest(Op& op, const Box& area) {
-    if (area.empty())
+    if (emptyBox(area))
       return;
     if (op.requestedAny_)
       op.requestedArea_.merge(area);
@@ -39,11 +42,11 @@ struct host::Access {
   // asked anything of (driven directly, outside the protocol) reads its whole box.
   static Box readableArea(const Iop& op) {
     const Box& box = op.info().box();
-    if (!op.requestedAny_ || box.empty())
+    if (!op.requestedAny_ || emptyBox(box))
       return box;
     Box area = box;
     area.intersect(op.requestedArea_);
-    return area.empty() ? box : area;
+    return emptyBox(area) ? box : area;
   }
   static Box requestedArea(const Op& op) { return op.requestedAny_ ? op.requestedArea_ : Box(); }
   static bool anyRequested(const Op& op) { return op.requestedAny_; }
@@ -54,7 +57,7 @@ struct host::Access {
     if (!op.requestedAny_)
       return;
     read.intersect(box);
-    if (read.empty())
+    if (emptyBox(read))
       return;
     Box inside = read;
     inside.intersect(op.requestedArea_);

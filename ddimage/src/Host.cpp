@@ -217,7 +217,7 @@ float* FlatImage::plane(Channel z) { return channels_.contains(z) ? planes_[z].d
 void FlatImage::engine(int y, int x, int r, ChannelMask channels, Row& row) {
   if (r <= x)
     return;
-  const bool empty = box_.empty();
+  const bool empty = emptyBox(box_);
   const int yy = empty ? 0 : box_.clampy(y);
   const int ix = std::min(std::max(x, box_.x()), box_.r());
   const int ir = std::max(std::min(r, box_.r()), box_.x());
@@ -363,7 +363,7 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
   // As real deep ops may: whole rows of the image and every channel it has, not just what was
   // asked for. Samples exist only where they were requested.
   Box planeBox = normalized(box);
-  if (!planeBox.empty() && !box_.empty()) {
+  if (!emptyBox(planeBox) && !emptyBox(box_)) {
     planeBox.x(std::min(planeBox.x(), box_.x()));
     planeBox.r(std::max(planeBox.r(), box_.r()));
   }
@@ -373,7 +373,7 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
   Box readable = box_;
   if (Access::anyRequested(*this))
     readable.intersect(Access::requestedArea(*this));
-  if (readable.empty())
+  if (emptyBox(readable))
     readable = Box();
   const Box& b = plane.box();
   const ChannelMap& map = plane.channels();
@@ -388,7 +388,7 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
 
   Box inside = b;
   inside.intersect(readable);
-  if (inside.empty())
+  if (emptyBox(inside))
     inside = Box();
   std::size_t total = 0;
   for (int y = inside.y(); y < inside.t(); ++y) {

@@ -112,7 +112,7 @@ void Iop::get(int y, int x, int r, ChannelMask channels, Row& row) {
   // Only what was asked for is there to read: the rest repeats the edge of that area.
   host::Access::noteRead(*this, info_.box(), Box(x, y, r, y + 1));
   const Box b = host::Access::readableArea(*this);
-  if (b.empty()) {
+  if (emptyBox(b)) {
     zeroSpan(row, channels, x, r);
     return;
   }

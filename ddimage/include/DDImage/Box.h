@@ -26,14 +26,13 @@ public:
   void set(const Box& b) { *this = b; }
   // Empty box at the origin.
   void clear() { set(0, 0, 0, 0); }
-  bool empty() const { return r_ <= x_ || t_ <= y_; }
   // At most one pixel: every pixel outside reads as that one.
   bool is_constant() const { return w() <= 1 && h() <= 1; }
 
   // Grows to cover the other box as well (an empty box adds nothing).
   void merge(const Box& b) {
-    if (b.empty()) return;
-    if (empty()) { *this = b; return; }
+    if (b.r_ <= b.x_ || b.t_ <= b.y_) return;
+    if (r_ <= x_ || t_ <= y_) { *this = b; return; }
     x_ = std::min(x_, b.x_); y_ = std::min(y_, b.y_); r_ = std::max(r_, b.r_); t_ = std::max(t_, b.t_);
   }
   void merge(int x, int y, int r, int t) { merge(Box(x, y, r, t)); }
