@@ -586,6 +586,30 @@ FlatImage cocImage(const Iop& node, const FlatImage& like) {
   return coc;
 }
 
+// What the summary says of the node and its output.
+RenderSummary summaryOf(const Iop& node, const Validated& v) {
+  RenderSummary summary;
+  summary.width = v.box.w();
+  summary.height = v.box.h();
+  const Knob* typeKnob = node.knob("outputType");
+  summary.outputType = typeKnob ? valueText(*typeKnob) : "";
+  // The largest CoC is only looked for when the output is a defocus.
+  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
+  if (vorelNode &&
+      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
+    summary.maxCoC = vorelNode->frame()->maxCoC;
+  return summary;
+}
+
+// The images on the node's inputs, once the node that read them is gone.
+void dropImages(Inputs& in) {
+  in.input0.op.reset();
+  in.kernel.op.reset();
+  in.mattes.op.reset();
+  in.deep.reset();
+  in.camera.reset();
+}
+
 }  // namespace
 
 CameraValues parseCamera(const std::string& text) {
@@ -666,21 +690,17 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   const auto writeStart = Clock::now();
   // Made before anything is written, so that a node without the table leaves no file behind.
   const FlatImage coc = o.cocOut.empty() ? FlatImage() : cocImage(node, out.image);
-  writeRendered(o, out, outputHeader(node, o, in));
+  const ExrHeader header = outputHeader(node, o, in);
+  RenderSummary summary = summaryOf(node, v);
+  // The node's tables and the input's pixels are not needed for writing: going before the files
+  // are encoded, they leave that room to the encoders.
+  nodeOp.reset();
+  dropImages(in);
+  writeRendered(o, out, header);
   if (!o.cocOut.empty())
     writeExr(o.cocOut, coc);
   const double writeSeconds = secondsSince(writeStart);
 
-  RenderSummary summary;
-  summary.width = v.box.w();
-  summary.height = v.box.h();
-  const Knob* typeKnob = node.knob("outputType");
-  summary.outputType = typeKnob ? valueText(*typeKnob) : "";
-  // The largest CoC is only looked for when the output is a defocus.
-  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
-  if (vorelNode &&
-      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
-    summary.maxCoC = vorelNode->frame()->maxCoC;
   summary.seconds = secondsSince(start);
   summary.readSeconds = readSeconds;
   summary.openSeconds = openSeconds;
