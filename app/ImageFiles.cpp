@@ -459,6 +459,31 @@ ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int heigh
 
 namespace {
 
+// Every pixel of every part of a file just written decodes; throws RenderError naming `path`
+// otherwise.
+void requireWholeFile(const std::string& written, const std::string& path) {
+  auto in = OIIO::ImageInput::open(written);
+  bool ok = bool(in);
+  for (int part = 0; ok && in->seek_subimage(part, 0); ++part) {
+    const ImageSpec& spec = in->spec();
+    if (spec.deep) {
+      OIIO::DeepData deep;
+      ok = in->read_native_deep_image(part, 0, deep);
+    } else if (spec.tile_width) {
+      std::vector<unsigned char> pixels(spec.image_bytes(true));
+      ok = in->read_image(part, 0, 0, spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
+    } else {
+      const int band = 64;
+      std::vector<unsigned char> pixels(spec.scanline_bytes(true) * band);
+      for (int y = spec.y; ok && y < spec.y + spec.height; y += band)
+        ok = in->read_scanlines(part, 0, y, std::min(y + band, spec.y + spec.height), 0, 0,
+                                spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
+    }
+  }
+  if (!ok)
+    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
+}
+
 ImageSpec flatExrSpec(const FlatImage& image, const ExrHeader* header) {
   ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()),
                                 std::max(1, image.box.h()), image.channels);
@@ -513,10 +538,13 @@ void encodeExr(OIIO::ImageOutput& out, const std::string& path, const std::strin
 void stageExr(OutputBatch& batch, const std::string& path, const FlatImage& image,
               const ExrHeader* header) {
   if (header && header->parts.size() >= 2) {
-    // OpenEXR writes several parts only to a file it opens itself.
+    // OpenEXR writes several parts only to a file it opens itself, whose writes it does not all
+    // check: the file is decoded again to be sure it is whole.
     batch.stageNamed(path, [&](const std::string& temp) {
       auto out = createOutput(path);
       encodeExr(*out, path, temp, image, header);
+      out.reset();
+      requireWholeFile(temp, path);
     });
     return;
   }
