@@ -20,6 +20,7 @@
 #include <numeric>
 #include <system_error>
 
+#include "DDImage/Host.h"
 #include "app/AppError.h"
 #include "app/InputChecks.h"
 #include "app/Metadata.h"
@@ -180,7 +181,7 @@ void FlatImage::allocate() {
   const std::size_t size = std::size_t(std::max(0, box.w())) * std::size_t(std::max(0, box.h()));
   planes.resize(channels.size());
   for (std::vector<float>& plane : planes)
-    plane.assign(size, 0.0f);
+    DD::Image::host::zeroedPlane(plane, size);
 }
 
 int FlatImage::channelIndex(const std::string& name) const {

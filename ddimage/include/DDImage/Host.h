@@ -102,6 +102,11 @@ bool userEditChannel(Op& op, const char* knobName, Channel z);
 
 // ---- in-memory sources ---------------------------------------------------------------------
 
+// Makes `plane` `size` zeros, asking for its memory in huge pages where the system gives them on
+// request: a frame's planes are touched whole, and faulting them in 4 KB at a time costs more
+// than filling them (most of all in a virtual machine).
+void zeroedPlane(std::vector<float>& plane, std::size_t size);
+
 // A flat image: one float plane per channel over its bounding box, row-major, row 0 is box.y().
 // Read-only once rows are asked for, so engine may run on many threads at once.
 class FlatImage : public Iop {
