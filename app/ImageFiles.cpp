@@ -353,7 +353,7 @@ DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount) {
     }
   }
   std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
-  image.samples.resize(image.offsets.back() * nch);
+  DD::Image::host::zeroedPlane(image.samples, image.offsets.back() * nch);
 
   BadPixelCount count;
   count.resize(image.channels);

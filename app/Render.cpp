@@ -143,15 +143,30 @@ std::unique_ptr<host::DeepImage> toHostDeep(const DeepImage& deep, const std::st
   }
   auto op = std::make_unique<host::DeepImage>(
       hostFormat(deep.format), Box(deep.box.x, deep.box.y, deep.box.r, deep.box.t), set);
-  std::vector<std::pair<Channel, float>> values(deep.channels.size());
+  // Each file channel's place in a host sample (its channels in ascending order); without a
+  // back depth, the front one is both.
+  std::vector<std::size_t> slot(deep.channels.size());
+  std::size_t nslots = 0, backSlot = 0;
+  foreach (z, op->channels()) {
+    for (std::size_t c = 0; c < deep.channels.size(); ++c)
+      if (channels[c] == z)
+        slot[c] = nslots;
+    if (z == Chan_DeepBack)
+      backSlot = nslots;
+    ++nslots;
+  }
+  std::vector<float> values(nslots, 0.0f);
+  op->reserveSamples(deep.offsets.back());
   for (int y = deep.box.y; y < deep.box.t; ++y)
     for (int x = deep.box.x; x < deep.box.r; ++x) {
       const std::size_t n = deep.sampleCount(x, y);
       for (std::size_t s = 0; s < n; ++s) {
         const float* v = deep.sample(x, y, s);
         for (std::size_t c = 0; c < deep.channels.size(); ++c)
-          values[c] = {channels[c], v[c]};
-        op->addSample(x, y, values);
+          values[slot[c]] = v[c];
+        if (zbc < 0)
+          values[backSlot] = v[zc];
+        op->addSampleValues(x, y, values.data());
       }
     }
   op->finish();

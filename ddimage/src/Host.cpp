@@ -296,6 +296,17 @@ void DeepImage::addSample(int x, int y, const std::vector<std::pair<Channel, flo
   addStaged(x, y, sample.data());
 }
 
+void DeepImage::reserveSamples(std::size_t count) {
+  stagedPixel_.reserve(stagedPixel_.size() + count);
+  const std::size_t values = stagedData_.size() + count * channelList_.size();
+  if (stagedData_.empty() && values > stagedData_.capacity()) {
+    zeroedPlane(stagedData_, values);
+    stagedData_.clear();
+  } else {
+    stagedData_.reserve(values);
+  }
+}
+
 void DeepImage::addSampleValues(int x, int y, const float* values) {
   if (values)
     addStaged(x, y, values);
@@ -335,7 +346,8 @@ void DeepImage::finish() {
     ++first[p + 1];
   std::partial_sum(first.begin(), first.end(), first.begin());
 
-  std::vector<float> data(first.back() * nch);
+  std::vector<float> data;
+  zeroedPlane(data, first.back() * nch);
   std::vector<std::size_t> fill(first.begin(), first.end() - 1);
   for (std::size_t p = 0; p < pixels; ++p)
     for (std::size_t s = firstSample_[p]; s < firstSample_[p + 1]; ++s)

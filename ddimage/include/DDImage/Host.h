@@ -159,6 +159,9 @@ public:
   void addSample(int x, int y, const std::vector<std::pair<Channel, float>>& values);
   // One sample given as a float per channel of channels(), in ascending channel order.
   void addSampleValues(int x, int y, const float* values);
+  // Room for `count` more samples, for a caller that knows how many it will add: the samples
+  // are then copied once, not each time the room runs out.
+  void reserveSamples(std::size_t count);
   // Packs and sorts the samples added so far.
   void finish();
   ChannelSet channels() const { return channels_; }
