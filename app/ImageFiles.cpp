@@ -20,9 +20,10 @@
 #include <numeric>
 #include <system_error>
 
+#include "DDImage/Host.h"
 #include "app/AppError.h"
-#include "app/Metadata.h"
 #include "app/InputChecks.h"
+#include "app/Metadata.h"
 #include "app/Output.h"
 
 namespace fs = std::filesystem;
@@ -130,8 +131,6 @@ std::string lower(std::string s) {
   return s;
 }
 
-// A writer for the kind of file `finalPath` names, encoding into `bytes` rather than a file, so
-// that every byte reaches the disk through writes that are checked.
 std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
   auto out = OIIO::ImageOutput::create(finalPath);
   if (!out)
@@ -139,11 +138,32 @@ std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
   return out;
 }
 
-std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath,
-                                                OIIO::Filesystem::IOVecOutput& bytes) {
+// The encoder's bytes go straight into the temporary file, through writes that are all checked:
+// the file is never held whole in memory.
+class StagingProxy : public OIIO::Filesystem::IOProxy {
+public:
+  StagingProxy(const std::string& path, StagingFile& file)
+      : IOProxy(path, IOProxy::Write), file_(file) {}
+  const char* proxytype() const override { return "vorel-staging"; }
+  size_t write(const void* data, size_t size) override {
+    const size_t done = pwrite(data, size, m_pos);
+    m_pos += std::int64_t(done);
+    return done;
+  }
+  size_t pwrite(const void* data, size_t size, int64_t offset) override {
+    return file_.writeAt(data, size, offset) ? size : 0;
+  }
+  size_t size() const override { return size_t(file_.size()); }
+
+private:
+  StagingFile& file_;
+};
+
+// A writer for the kind of file `finalPath` names, encoding into the staged file.
+std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath, StagingProxy& proxy) {
   auto out = createOutput(finalPath);
-  if (!out->supports("ioproxy") || !out->set_ioproxy(&bytes))
-    throw RenderError("cannot write " + finalPath + ": the file type cannot be encoded in memory");
+  if (!out->supports("ioproxy") || !out->set_ioproxy(&proxy))
+    throw RenderError("cannot write " + finalPath + ": the file type cannot be streamed");
   return out;
 }
 
@@ -157,8 +177,11 @@ void checkDirectory(const std::string& path) {
 }  // namespace
 
 void FlatImage::allocate() {
-  planes.assign(channels.size(), std::vector<float>(std::size_t(std::max(0, box.w())) *
-                                                    std::size_t(std::max(0, box.h())), 0.0f));
+  // Plane by plane: a plane copied from a zeroed one would cost its size once more, and a copy.
+  const std::size_t size = std::size_t(std::max(0, box.w())) * std::size_t(std::max(0, box.h()));
+  planes.resize(channels.size());
+  for (std::vector<float>& plane : planes)
+    DD::Image::host::zeroedPlane(plane, size);
 }
 
 int FlatImage::channelIndex(const std::string& name) const {
@@ -330,7 +353,7 @@ DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount) {
     }
   }
   std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
-  image.samples.resize(image.offsets.back() * nch);
+  DD::Image::host::zeroedPlane(image.samples, image.offsets.back() * nch);
 
   BadPixelCount count;
   count.resize(image.channels);
@@ -435,59 +458,105 @@ ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int heigh
 
 }  // namespace
 
-FileBytes encodeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
-  FileBytes bytes;
-  OIIO::Filesystem::IOVecOutput proxy(bytes);
-  // OpenEXR writes several parts only to a file of its own: those go through a scratch file.
-  std::unique_ptr<ScratchFile> scratch;
-  std::unique_ptr<OIIO::ImageOutput> out;
-  if (header && header->parts.size() >= 2) {
-    scratch = std::make_unique<ScratchFile>(path);
-    out = createOutput(path);
-  } else {
-    out = createOutput(path, proxy);
+namespace {
+
+// Every pixel of every part of a file just written decodes; throws RenderError naming `path`
+// otherwise.
+void requireWholeFile(const std::string& written, const std::string& path) {
+  auto in = OIIO::ImageInput::open(written);
+  bool ok = bool(in);
+  for (int part = 0; ok && in->seek_subimage(part, 0); ++part) {
+    const ImageSpec& spec = in->spec();
+    if (spec.deep) {
+      OIIO::DeepData deep;
+      ok = in->read_native_deep_image(part, 0, deep);
+    } else if (spec.tile_width) {
+      std::vector<unsigned char> pixels(spec.image_bytes(true));
+      ok = in->read_image(part, 0, 0, spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
+    } else {
+      const int band = 64;
+      std::vector<unsigned char> pixels(spec.scanline_bytes(true) * band);
+      for (int y = spec.y; ok && y < spec.y + spec.height; y += band)
+        ok = in->read_scanlines(part, 0, y, std::min(y + band, spec.y + spec.height), 0, 0,
+                                spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
+    }
   }
-  const std::string& target = scratch ? scratch->path() : path;
-  const int nch = int(image.channels.size());
-  ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()), std::max(1, image.box.h()),
-                                image.channels);
+  if (!ok)
+    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
+}
+
+ImageSpec flatExrSpec(const FlatImage& image, const ExrHeader* header) {
+  ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()),
+                                std::max(1, image.box.h()), image.channels);
   spec.alpha_channel = image.channelIndex("A");
   spec.z_channel = image.channelIndex("Z");
   spec.attribute("compression", "zip");
   if (header)
     applyExrHeader(spec, *header);
+  return spec;
+}
 
-  const bool opened = header ? openExrParts(*out, target, spec, *header) : out->open(target, spec);
-  if (!opened)
-    throw RenderError("cannot write " + path + ": " + inputError(*out));
+// The image's rows in file order, a band of them at a time interleaved for the writer.
+bool writeFlatRows(OIIO::ImageOutput& out, const ImageSpec& spec, const FlatImage& image) {
+  const int nch = int(image.channels.size());
   const std::size_t w = std::size_t(std::max(0, image.box.w()));
   const int band = 64;
   std::vector<float> buffer(std::max<std::size_t>(1, w) * nch * band, 0.0f);
+  if (image.box.empty())  // an empty box still makes a valid file: one black pixel
+    return out.write_scanline(spec.y, 0, TypeDesc::FLOAT, buffer.data());
   bool ok = true;
-  if (image.box.empty()) {
-    // An empty box still makes a valid file: one black pixel.
-    ok = out->write_scanline(spec.y, 0, TypeDesc::FLOAT, buffer.data());
-  } else {
-    for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
-      const int end = std::min(fy + band, spec.y + spec.height);
-      for (int row = fy; row < end; ++row) {
-        const int y = flipY(image.format, row);
-        float* line = buffer.data() + std::size_t(row - fy) * w * nch;
-        for (int c = 0; c < nch; ++c) {
-          const float* src = image.row(c, y);
-          for (std::size_t i = 0; i < w; ++i)
-            line[i * nch + c] = src[i];
-        }
+  for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
+    const int end = std::min(fy + band, spec.y + spec.height);
+    for (int row = fy; row < end; ++row) {
+      const int y = flipY(image.format, row);
+      float* line = buffer.data() + std::size_t(row - fy) * w * nch;
+      for (int c = 0; c < nch; ++c) {
+        const float* src = image.row(c, y);
+        for (std::size_t i = 0; i < w; ++i)
+          line[i * nch + c] = src[i];
       }
-      ok = out->write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
     }
+    ok = out.write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
   }
-  ok = ok && (!header || finishExrParts(*out, target, *header));
-  ok = ok && out->close();
-  if (!ok)
-    throw RenderError("cannot write " + path + ": " + inputError(*out));
-  return scratch ? scratch->bytes() : bytes;
+  return ok;
 }
+
+// The whole EXR through `out`, opened on `target`; with a header of several parts, the input's
+// other parts around the rendered one.
+void encodeExr(OIIO::ImageOutput& out, const std::string& path, const std::string& target,
+               const FlatImage& image, const ExrHeader* header) {
+  const ImageSpec spec = flatExrSpec(image, header);
+  const bool opened = header ? openExrParts(out, target, spec, *header) : out.open(target, spec);
+  if (!opened)
+    throw RenderError("cannot write " + path + ": " + inputError(out));
+  bool ok = writeFlatRows(out, spec, image);
+  ok = ok && (!header || finishExrParts(out, target, *header));
+  ok = ok && out.close();
+  if (!ok)
+    throw RenderError("cannot write " + path + ": " + inputError(out));
+}
+
+void stageExr(OutputBatch& batch, const std::string& path, const FlatImage& image,
+              const ExrHeader* header) {
+  if (header && header->parts.size() >= 2) {
+    // OpenEXR writes several parts only to a file it opens itself, whose writes it does not all
+    // check: the file is decoded again to be sure it is whole.
+    batch.stageNamed(path, [&](const std::string& temp) {
+      auto out = createOutput(path);
+      encodeExr(*out, path, temp, image, header);
+      out.reset();
+      requireWholeFile(temp, path);
+    });
+    return;
+  }
+  batch.stage(path, [&](StagingFile& file) {
+    StagingProxy proxy(path, file);
+    auto out = createOutput(path, proxy);
+    encodeExr(*out, path, path, image, header);
+  });
+}
+
+}  // namespace
 
 Rect quickLookWindow(const FlatImage& image) {
   const double format = double(image.format.w()) * double(image.format.h());
@@ -499,8 +568,10 @@ Rect quickLookWindow(const FlatImage& image) {
   return image.format;
 }
 
-FileBytes encodeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
-                             int blue, int alpha) {
+namespace {
+
+void stageDisplayImage(OutputBatch& batch, const std::string& path, const FlatImage& image,
+                       int red, int green, int blue, int alpha) {
   const std::string ext = lower(fs::path(path).extension().string());
   const bool jpeg = ext == ".jpg" || ext == ".jpeg";
   const bool tiff = ext == ".tif" || ext == ".tiff";
@@ -547,22 +618,23 @@ FileBytes encodeDisplayImage(const std::string& path, const FlatImage& image, in
   if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", withAlpha))
     throw RenderError("cannot write " + path + ": " + display.geterror());
 
-  FileBytes bytes;
-  OIIO::Filesystem::IOVecOutput proxy(bytes);
-  auto out = createOutput(path, proxy);
+  linear.reset();
   ImageSpec fileSpec = display.spec();
   fileSpec.set_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
-  const bool ok = out->open(path, fileSpec) && display.write(out.get()) && out->close();
-  if (!ok) {
-    const std::string e = out->geterror() + display.geterror();
-    throw RenderError("cannot write " + path + ": " + oneLine(e.empty() ? "encoding failed" : e));
-  }
-  return bytes;
+  batch.stage(path, [&](StagingFile& file) {
+    StagingProxy proxy(path, file);
+    auto out = createOutput(path, proxy);
+    const bool ok = out->open(path, fileSpec) && display.write(out.get()) && out->close();
+    if (!ok) {
+      const std::string e = out->geterror() + display.geterror();
+      throw RenderError("cannot write " + path + ": " + oneLine(e.empty() ? "encoding failed" : e));
+    }
+  });
 }
 
-// OpenImageIO writes deep files only to a file of its own, so the file is encoded beside the
-// output, decoded again in full to be sure it is whole, and then staged like any other.
-FileBytes encodeDeepExr(const std::string& path, const DeepImage& image) {
+// OpenImageIO writes deep files only to a file it opens itself, whose writes it does not all
+// check: the file is decoded again in full to be sure it is whole.
+void stageDeepExr(OutputBatch& batch, const std::string& path, const DeepImage& image) {
   auto out = createOutput(path);
   if (!out->supports("deepdata"))
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
@@ -592,28 +664,34 @@ FileBytes encodeDeepExr(const std::string& path, const DeepImage& image) {
           dd.set_deep_value(p, c, int(s), image.sample(x, y, s)[c]);
     }
 
-  ScratchFile scratch(path);
-  const bool ok = out->open(scratch.path(), spec) && out->write_deep_image(dd) && out->close();
-  if (!ok)
-    throw RenderError("cannot write " + path + ": " + inputError(*out));
-  out.reset();
-  OIIO::DeepData check;
-  auto in = OIIO::ImageInput::open(scratch.path());
-  if (!in || !in->read_native_deep_image(0, 0, check) || check.pixels() != dd.pixels())
-    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
-  in.reset();
-  return scratch.bytes();
+  batch.stageNamed(path, [&](const std::string& temp) {
+    const bool ok = out->open(temp, spec) && out->write_deep_image(dd) && out->close();
+    if (!ok)
+      throw RenderError("cannot write " + path + ": " + inputError(*out));
+    out.reset();
+    OIIO::DeepData check;
+    auto in = OIIO::ImageInput::open(temp);
+    if (!in || !in->read_native_deep_image(0, 0, check) || check.pixels() != dd.pixels())
+      throw RenderError("cannot write " + path +
+                        ": the file came out incomplete (is the disk full?)");
+  });
 }
+
+}  // namespace
 
 void writeExr(const std::string& path, const FlatImage& image, const ExrHeader* header) {
   checkDirectory(path);
-  writeFileAtomically(path, encodeExr(path, image, header));
+  OutputBatch batch;
+  stageExr(batch, path, image, header);
+  batch.commit();
 }
 
 void writeDisplayImage(const std::string& path, const FlatImage& image, int red, int green,
                        int blue, int alpha) {
   checkDirectory(path);
-  writeFileAtomically(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+  OutputBatch batch;
+  stageDisplayImage(batch, path, image, red, green, blue, alpha);
+  batch.commit();
 }
 
 void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image, int red,
@@ -622,16 +700,18 @@ void writeOutputs(const std::vector<std::string>& paths, const FlatImage& image,
   for (const std::string& path : paths) {
     checkDirectory(path);
     if (fileKindFor(path) == FileKind::Exr)
-      batch.stage(path, encodeExr(path, image, header));
+      stageExr(batch, path, image, header);
     else
-      batch.stage(path, encodeDisplayImage(path, image, red, green, blue, alpha));
+      stageDisplayImage(batch, path, image, red, green, blue, alpha);
   }
   batch.commit();
 }
 
 void writeDeepExr(const std::string& path, const DeepImage& image) {
   checkDirectory(path);
-  writeFileAtomically(path, encodeDeepExr(path, image));
+  OutputBatch batch;
+  stageDeepExr(batch, path, image);
+  batch.commit();
 }
 
 void writeTextFile(const std::string& path, const std::string& text) {

@@ -115,8 +115,8 @@ void writeDeepExr(const std::string& path, const DeepImage& image);
 // A small text file (a preset).
 void writeTextFile(const std::string& path, const std::string& text);
 
-// Every writer encodes the file in memory and writes it through app/Output.h: complete or not
-// at all, an existing file left as it was on failure. Failures throw RenderError.
+// Every writer streams the file into a temporary one through app/Output.h: complete or not at
+// all, an existing file left as it was on failure. Failures throw RenderError.
 
 // All of `paths` from one image, each by its kind (.exr, or a quick look): every file replaced,
 // or none.

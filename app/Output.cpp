@@ -5,12 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 
 #include "app/AppError.h"
@@ -77,7 +77,7 @@ private:
 
 // A name beside `finalPath` that is short whatever the final name's length, and unique to this
 // process and call.
-std::string temporaryNameFor(const std::string& finalPath, const char* kind) {
+std::string temporaryNameFor(const std::string& finalPath, const std::string& kind) {
   static std::atomic<unsigned> counter{0};
   const fs::path dir = fs::path(finalPath).parent_path();
   const std::string name = ".vorel-" + std::to_string(::getpid()) + "-" +
@@ -91,24 +91,13 @@ std::string reason(int error) {
   return std::strerror(error);
 }
 
-// Every byte written and flushed to the disk, or the errno of the first failure.
-int writeAll(int fd, const FileBytes& bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0) {
-      if (errno == EINTR)
-        continue;
-      return errno;
-    }
-    if (n == 0)
-      return ENOSPC;
-    done += std::size_t(n);
-  }
+// The file as written flushed to the disk, or the errno of the first failure: a file shorter than
+// what was written to it means a write was lost.
+int flushToDisk(int fd, std::int64_t written) {
   struct stat st;
   if (::fstat(fd, &st) != 0)
     return errno;
-  if (std::size_t(st.st_size) != bytes.size())
+  if (std::int64_t(st.st_size) != written)
     return EIO;
   if (::fsync(fd) != 0 && errno != EINVAL && errno != EROFS)
     return errno;
@@ -154,22 +143,94 @@ OutputBatch::~OutputBatch() {
     forget(s.tempPath, true);
 }
 
-void OutputBatch::stage(const std::string& path, const FileBytes& bytes) {
-  const std::string temp = temporaryNameFor(path, "tmp");
+bool StagingFile::writeAt(const void* data, std::size_t size, std::int64_t offset) {
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  std::size_t done = 0;
+  while (!error_ && done < size) {
+    const ssize_t n = ::pwrite(fd_, bytes + done, size - done, off_t(offset + std::int64_t(done)));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n < 0)
+      error_ = errno;
+    else if (n == 0)
+      error_ = ENOSPC;
+    else
+      done += std::size_t(n);
+  }
+  size_ = std::max(size_, offset + std::int64_t(done));
+  return !error_;
+}
+
+namespace {
+
+// A new temporary file beside `path`, known to the signal handler before it exists.
+int createTemporary(const std::string& path, const std::string& temp) {
   remember(temp);
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  const int fd = ::open(temp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) {
     const int e = errno;
     forget(temp, false);
     throw RenderError("cannot write " + path + ": " + reason(e));
   }
-  int error = writeAll(fd, bytes);
-  if (::close(fd) != 0 && error == 0)
-    error = errno;
-  if (error) {
-    forget(temp, true);
-    throw RenderError("cannot write " + path + ": " + reason(error));
+  return fd;
+}
+
+// After an encoder ran: the temporary file removed and the failure thrown, if there was one. A
+// write that failed is the reason given, since what the encoder made of it says less.
+void settle(const std::string& path, const std::string& temp, int writeError,
+            std::exception_ptr encoderFailure) {
+  if (!writeError && !encoderFailure)
+    return;
+  forget(temp, true);
+  if (writeError)
+    throw RenderError("cannot write " + path + ": " + reason(writeError));
+  std::rethrow_exception(encoderFailure);
+}
+
+}  // namespace
+
+void OutputBatch::stage(const std::string& path,
+                        const std::function<void(StagingFile&)>& encode) {
+  const std::string temp = temporaryNameFor(path, "tmp");
+  const int fd = createTemporary(path, temp);
+  StagingFile file(fd);
+  std::exception_ptr failure;
+  try {
+    encode(file);
+  } catch (...) {
+    failure = std::current_exception();
   }
+  int error = file.error();
+  if (!error && !failure)
+    error = flushToDisk(fd, file.size());
+  if (::close(fd) != 0 && !error)
+    error = errno;
+  settle(path, temp, error, failure);
+  staged_.push_back({path, temp});
+}
+
+void OutputBatch::stageNamed(const std::string& path,
+                             const std::function<void(const std::string&)>& encode) {
+  const std::string temp = temporaryNameFor(path, "tmp" + fs::path(path).extension().string());
+  ::close(createTemporary(path, temp));
+  std::exception_ptr failure;
+  try {
+    encode(temp);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  int error = 0;
+  if (!failure) {
+    const int fd = ::open(temp.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd < 0 || ::fstat(fd, &st) != 0)
+      error = errno;
+    else
+      error = flushToDisk(fd, std::int64_t(st.st_size));
+    if (fd >= 0 && ::close(fd) != 0 && !error)
+      error = errno;
+  }
+  settle(path, temp, error, failure);
   staged_.push_back({path, temp});
 }
 
@@ -213,27 +274,15 @@ void OutputBatch::commit() {
   staged_.clear();
 }
 
-ScratchFile::ScratchFile(const std::string& finalPath)
-    : finalPath_(finalPath), path_(temporaryNameFor(finalPath, "part.exr")) {
-  remember(path_);
-}
-
-ScratchFile::~ScratchFile() {
-  forget(path_, true);
-}
-
-FileBytes ScratchFile::bytes() const {
-  std::ifstream in(path_, std::ios::binary);
-  FileBytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (!in.good() && !in.eof())
-    throw RenderError("cannot write " + finalPath_ + ": the encoded file could not be read back");
-  return bytes;
+void writeFileAtomically(const std::string& path,
+                         const std::function<void(StagingFile&)>& encode) {
+  OutputBatch batch;
+  batch.stage(path, encode);
+  batch.commit();
 }
 
 void writeFileAtomically(const std::string& path, const FileBytes& bytes) {
-  OutputBatch batch;
-  batch.stage(path, bytes);
-  batch.commit();
+  writeFileAtomically(path, [&](StagingFile& file) { file.writeAt(bytes.data(), bytes.size(), 0); });
 }
 
 void installInterruptCleanup() {

@@ -143,15 +143,30 @@ std::unique_ptr<host::DeepImage> toHostDeep(const DeepImage& deep, const std::st
   }
   auto op = std::make_unique<host::DeepImage>(
       hostFormat(deep.format), Box(deep.box.x, deep.box.y, deep.box.r, deep.box.t), set);
-  std::vector<std::pair<Channel, float>> values(deep.channels.size());
+  // Each file channel's place in a host sample (its channels in ascending order); without a
+  // back depth, the front one is both.
+  std::vector<std::size_t> slot(deep.channels.size());
+  std::size_t nslots = 0, backSlot = 0;
+  foreach (z, op->channels()) {
+    for (std::size_t c = 0; c < deep.channels.size(); ++c)
+      if (channels[c] == z)
+        slot[c] = nslots;
+    if (z == Chan_DeepBack)
+      backSlot = nslots;
+    ++nslots;
+  }
+  std::vector<float> values(nslots, 0.0f);
+  op->reserveSamples(deep.offsets.back());
   for (int y = deep.box.y; y < deep.box.t; ++y)
     for (int x = deep.box.x; x < deep.box.r; ++x) {
       const std::size_t n = deep.sampleCount(x, y);
       for (std::size_t s = 0; s < n; ++s) {
         const float* v = deep.sample(x, y, s);
         for (std::size_t c = 0; c < deep.channels.size(); ++c)
-          values[c] = {channels[c], v[c]};
-        op->addSample(x, y, values);
+          values[slot[c]] = v[c];
+        if (zbc < 0)
+          values[backSlot] = v[zc];
+        op->addSampleValues(x, y, values.data());
       }
     }
   op->finish();
@@ -586,6 +601,30 @@ FlatImage cocImage(const Iop& node, const FlatImage& like) {
   return coc;
 }
 
+// What the summary says of the node and its output.
+RenderSummary summaryOf(const Iop& node, const Validated& v) {
+  RenderSummary summary;
+  summary.width = v.box.w();
+  summary.height = v.box.h();
+  const Knob* typeKnob = node.knob("outputType");
+  summary.outputType = typeKnob ? valueText(*typeKnob) : "";
+  // The largest CoC is only looked for when the output is a defocus.
+  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
+  if (vorelNode &&
+      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
+    summary.maxCoC = vorelNode->frame()->maxCoC;
+  return summary;
+}
+
+// The images on the node's inputs, once the node that read them is gone.
+void dropImages(Inputs& in) {
+  in.input0.op.reset();
+  in.kernel.op.reset();
+  in.mattes.op.reset();
+  in.deep.reset();
+  in.camera.reset();
+}
+
 }  // namespace
 
 CameraValues parseCamera(const std::string& text) {
@@ -666,21 +705,17 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   const auto writeStart = Clock::now();
   // Made before anything is written, so that a node without the table leaves no file behind.
   const FlatImage coc = o.cocOut.empty() ? FlatImage() : cocImage(node, out.image);
-  writeRendered(o, out, outputHeader(node, o, in));
+  const ExrHeader header = outputHeader(node, o, in);
+  RenderSummary summary = summaryOf(node, v);
+  // The node's tables and the input's pixels are not needed for writing: going before the files
+  // are encoded, they leave that room to the encoders.
+  nodeOp.reset();
+  dropImages(in);
+  writeRendered(o, out, header);
   if (!o.cocOut.empty())
     writeExr(o.cocOut, coc);
   const double writeSeconds = secondsSince(writeStart);
 
-  RenderSummary summary;
-  summary.width = v.box.w();
-  summary.height = v.box.h();
-  const Knob* typeKnob = node.knob("outputType");
-  summary.outputType = typeKnob ? valueText(*typeKnob) : "";
-  // The largest CoC is only looked for when the output is a defocus.
-  const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
-  if (vorelNode &&
-      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
-    summary.maxCoC = vorelNode->frame()->maxCoC;
   summary.seconds = secondsSince(start);
   summary.readSeconds = readSeconds;
   summary.openSeconds = openSeconds;

@@ -151,6 +151,27 @@ int lines(const std::string& s) {
   return int(std::count(s.begin(), s.end(), '\n'));
 }
 
+// A file of two parts: "matte", one channel of zeros, then "beauty", the image given (16 x 12).
+std::string twoParts(const std::string& path, const FlatImage& beauty) {
+  OIIO::ImageSpec matte(16, 12, 1, OIIO::TypeDesc::FLOAT), main(16, 12, 5, OIIO::TypeDesc::FLOAT);
+  matte.channelnames = {"mask"};
+  matte.attribute("name", "matte");
+  main.channelnames = {"R", "G", "B", "A", "Z"};
+  main.attribute("name", "beauty");
+  auto out = OIIO::ImageOutput::create(path);
+  const OIIO::ImageSpec specs[] = {matte, main};
+  std::vector<float> zeros(16 * 12), pixels(16 * 12 * 5);
+  for (int i = 0; i < 16 * 12; ++i)
+    for (int c = 0; c < 5; ++c)
+      pixels[std::size_t(i * 5 + c)] =
+          beauty.planes[std::size_t(c)][std::size_t((11 - i / 16) * 16 + i % 16)];
+  const bool ok = out->open(path, 2, specs) && out->write_image(OIIO::TypeDesc::FLOAT, zeros.data()) &&
+                  out->open(path, main, OIIO::ImageOutput::AppendSubimage) &&
+                  out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) && out->close();
+  EXPECT_TRUE(ok) << out->geterror();
+  return path;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -170,6 +191,35 @@ TEST(NothingLost, AFullDiskFailsEveryWriterAndKeepsTheOldFile) {
     EXPECT_NE(r.err.find("too large"), std::string::npos) << r.err;
     EXPECT_EQ(lines(r.err), 1) << r.err;
     EXPECT_EQ(bytes(out), "yesterday's render");
+    EXPECT_EQ(leftovers(dir), Names{});
+  }
+}
+
+TEST(NothingLost, ADiskThatFillsHalfwayThroughAFileLeavesTheOldOne) {
+  TempDir dir;
+  // A multi-part output is written by OpenEXR to a file it opens itself, the others streamed.
+  const FlatImage beauty = scene({0, 0, 16, 12}, {0, 0, 16, 12}, [](int x, int) { return 50.0f + x; });
+  const std::string parts = twoParts(dir / "parts.exr", beauty);
+  const std::string big = saved(dir / "big.exr", scene({0, 0, 400, 300}, {0, 0, 400, 300},
+                                                      [](int x, int y) { return 50.0f + x + y; }));
+  struct Case {
+    Names args;
+    std::string out;
+  };
+  const Case cases[] = {{{"render", big, "-o", dir / "out.exr"}, dir / "out.exr"},
+                        {{"render", big, "-o", dir / "out.png"}, dir / "out.png"},
+                        {{"render", parts, "--part", "beauty", "-o", dir / "out.exr"}, dir / "out.exr"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[1] + " " + c.args.back());
+    const Outcome done = vorel(dir, c.args + Names{"-q"});
+    ASSERT_EQ(done.code, 0) << describe(done);
+    const auto size = fs::file_size(c.out);
+    std::ofstream(c.out) << "yesterday's render";
+    const Outcome r = vorel(dir, c.args + Names{"-q"}, rlim_t(size / 2));
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.err.rfind("vorel: cannot write " + c.out + ": ", 0), 0u) << r.err;
+    EXPECT_EQ(lines(r.err), 1) << r.err;
+    EXPECT_EQ(bytes(c.out), "yesterday's render");
     EXPECT_EQ(leftovers(dir), Names{});
   }
 }
@@ -489,26 +539,7 @@ TEST(SayWhy, APartOfAMultiPartFileIsChosen) {
   TempDir dir;
   // Part 0 "matte" has no depth, part 1 "beauty" is the scene.
   const FlatImage beauty = scene({0, 0, 16, 12}, {0, 0, 16, 12}, [](int, int) { return 100.0f; });
-  const std::string path = dir / "parts.exr";
-  {
-    OIIO::ImageSpec matte(16, 12, 1, OIIO::TypeDesc::FLOAT), main(16, 12, 5, OIIO::TypeDesc::FLOAT);
-    matte.channelnames = {"mask"};
-    matte.attribute("name", "matte");
-    main.channelnames = {"R", "G", "B", "A", "Z"};
-    main.attribute("name", "beauty");
-    auto out = OIIO::ImageOutput::create(path);
-    const OIIO::ImageSpec specs[] = {matte, main};
-    ASSERT_TRUE(out->open(path, 2, specs));
-    std::vector<float> zeros(16 * 12), pixels(16 * 12 * 5);
-    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, zeros.data()));
-    for (int i = 0; i < 16 * 12; ++i)
-      for (int c = 0; c < 5; ++c)
-        pixels[std::size_t(i * 5 + c)] = beauty.planes[std::size_t(c)][std::size_t(
-            (11 - i / 16) * 16 + i % 16)];
-    ASSERT_TRUE(out->open(path, main, OIIO::ImageOutput::AppendSubimage));
-    ASSERT_TRUE(out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()));
-    ASSERT_TRUE(out->close());
-  }
+  const std::string path = twoParts(dir / "parts.exr", beauty);
   Outcome r = vorel(dir, {"render", path, "-o", dir / "x.exr"});
   EXPECT_EQ(r.code, 2) << describe(r);
   EXPECT_NE(r.err.find("has 2 parts (0 'matte', 1 'beauty'); reading part 0"), std::string::npos)

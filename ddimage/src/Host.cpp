@@ -1,11 +1,14 @@
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
-#include <numeric>
 
 #include "Access.h"
 #include "DDImage/Host.h"
@@ -173,13 +176,28 @@ bool userEditChannel(Op& op, const char* knobName, Channel z) {
 
 // ---- FlatImage ----------------------------------------------------------------------------------
 
+void zeroedPlane(std::vector<float>& plane, std::size_t size) {
+  std::vector<float>().swap(plane);
+  plane.reserve(size);
+#ifdef MADV_HUGEPAGE
+  // Only the whole huge pages inside the plane: nothing beyond it is made resident.
+  constexpr std::uintptr_t kHugePage = std::uintptr_t(2) << 20;
+  const auto begin = reinterpret_cast<std::uintptr_t>(plane.data());
+  const std::uintptr_t from = (begin + kHugePage - 1) & ~(kHugePage - 1);
+  const std::uintptr_t to = (begin + size * sizeof(float)) & ~(kHugePage - 1);
+  if (to > from)
+    ::madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
+#endif
+  plane.assign(size, 0.0f);
+}
+
 FlatImage::FlatImage(const Format& format, const Box& box, const ChannelSet& channels)
     : Iop(&gNode), format_(format), box_(normalized(box)), channels_(channels),
       planes_(ChannelSet::kChannels) {
   inputs(0);
   const std::size_t size = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
   foreach (z, channels_)
-    planes_[z].assign(size, 0.0f);
+    zeroedPlane(planes_[z], size);
   _validate(true);
 }
 
@@ -278,6 +296,17 @@ void DeepImage::addSample(int x, int y, const std::vector<std::pair<Channel, flo
   addStaged(x, y, sample.data());
 }
 
+void DeepImage::reserveSamples(std::size_t count) {
+  stagedPixel_.reserve(stagedPixel_.size() + count);
+  const std::size_t values = stagedData_.size() + count * channelList_.size();
+  if (stagedData_.empty() && values > stagedData_.capacity()) {
+    zeroedPlane(stagedData_, values);
+    stagedData_.clear();
+  } else {
+    stagedData_.reserve(values);
+  }
+}
+
 void DeepImage::addSampleValues(int x, int y, const float* values) {
   if (values)
     addStaged(x, y, values);
@@ -317,7 +346,8 @@ void DeepImage::finish() {
     ++first[p + 1];
   std::partial_sum(first.begin(), first.end(), first.begin());
 
-  std::vector<float> data(first.back() * nch);
+  std::vector<float> data;
+  zeroedPlane(data, first.back() * nch);
   std::vector<std::size_t> fill(first.begin(), first.end() - 1);
   for (std::size_t p = 0; p < pixels; ++p)
     for (std::size_t s = firstSample_[p]; s < firstSample_[p + 1]; ++s)

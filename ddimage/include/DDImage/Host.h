@@ -102,6 +102,11 @@ bool userEditChannel(Op& op, const char* knobName, Channel z);
 
 // ---- in-memory sources ---------------------------------------------------------------------
 
+// Makes `plane` `size` zeros, asking for its memory in huge pages where the system gives them on
+// request: a frame's planes are touched whole, and faulting them in 4 KB at a time costs more
+// than filling them (most of all in a virtual machine).
+void zeroedPlane(std::vector<float>& plane, std::size_t size);
+
 // A flat image: one float plane per channel over its bounding box, row-major, row 0 is box.y().
 // Read-only once rows are asked for, so engine may run on many threads at once.
 class FlatImage : public Iop {
@@ -154,6 +159,9 @@ public:
   void addSample(int x, int y, const std::vector<std::pair<Channel, float>>& values);
   // One sample given as a float per channel of channels(), in ascending channel order.
   void addSampleValues(int x, int y, const float* values);
+  // Room for `count` more samples, for a caller that knows how many it will add: the samples
+  // are then copied once, not each time the room runs out.
+  void reserveSamples(std::size_t count);
   // Packs and sorts the samples added so far.
   void finish();
   ChannelSet channels() const { return channels_; }
