@@ -635,16 +635,55 @@ std::string cameraText(const CameraValues& c) {
   return s.str();
 }
 
+// The node and its inputs, kept from one render to the next; `like` is a new node, whose knobs the
+// kept one takes back before each render.
+struct Renderer::Kept {
+  std::unique_ptr<Op> like;
+  std::unique_ptr<Op> node;
+  Inputs inputs;  // what the node's inputs point at, held as long as they do
+};
+
+Renderer::Renderer() : kept_(std::make_unique<Kept>()) {}
+Renderer::~Renderer() = default;
+
 RenderSummary render(const RenderOptions& o, const RenderReport& report) {
+  Renderer renderer;
+  return renderer.render(o, report);
+}
+
+RenderSummary Renderer::render(const RenderOptions& o, const RenderReport& report) {
+  try {
+    return renderWithNode(o, report);
+  } catch (...) {
+    // Whatever state the failure left the node in is not carried into the next render.
+    kept_->node.reset();
+    kept_->inputs = Inputs();
+    throw;
+  }
+}
+
+RenderSummary Renderer::renderWithNode(const RenderOptions& o, const RenderReport& report) {
   const auto start = Clock::now();
   const Plan plan = checkPlan(o);
-  Inputs in;
+  Kept& kept = *kept_;
+  // The last render's images, and with the invalidation its tables, go before this one's are
+  // read: a shot holds one frame at a time (and the kernels).
+  if (kept.node)
+    for (int i = 0; i < kept.node->inputs(); ++i)
+      host::connect(*kept.node, i, nullptr);
+  kept.inputs = Inputs();
+  Inputs& in = kept.inputs;
   loadImages(o, plan, report, in);
   makeCamera(o, report, in);
   const double readSeconds = secondsSince(start);
 
-  std::unique_ptr<Op> nodeOp = makeNode();
-  Iop& node = static_cast<Iop&>(*nodeOp);
+  if (!kept.like)
+    kept.like = makeNode();
+  if (kept.node)
+    copyKnobValues(*kept.like, *kept.node);
+  else
+    kept.node = makeNode();
+  Iop& node = static_cast<Iop&>(*kept.node);
   connectInputs(node, o, plan, in);
   applyKnobs(node, o, in, report);
   focusAt(node, o, in, report);
@@ -681,6 +720,13 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   if (vorelNode &&
       (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->frame()->maxCoC;
+  if (vorelNode) {
+    const vorel::Frame::OpenTimes& times = vorelNode->frame()->openTimes;
+    summary.scanSeconds = times.scan;
+    summary.bankSeconds = times.bank;
+    summary.tableSeconds = times.tables;
+    summary.bankReused = times.bankReused;
+  }
   summary.seconds = secondsSince(start);
   summary.readSeconds = readSeconds;
   summary.openSeconds = openSeconds;
