@@ -342,8 +342,9 @@ std::string timingsLine(const FrameRecord& r) {
   std::ostringstream line;
   if (r.numbered)
     line << "frame " << r.frame << ": ";
-  line << "timings: read " << s.readSeconds << " s, open " << s.openSeconds << " s, rows "
-       << s.rowSeconds << " s, write " << s.writeSeconds << " s";
+  line << "timings: read " << s.readSeconds << " s, open " << s.openSeconds << " s (scan "
+       << s.scanSeconds << " s, bank " << s.bankSeconds << " s, tables " << s.tableSeconds
+       << " s), rows " << s.rowSeconds << " s, write " << s.writeSeconds << " s";
   return line.str();
 }
 

@@ -99,6 +99,10 @@ std::string frameJson(const FrameRecord& r) {
   s += ",\"time\":" + (done ? number(r.summary.seconds) : std::string("null"));
   s += ",\"readTime\":" + (done ? number(r.summary.readSeconds) : std::string("null"));
   s += ",\"openTime\":" + (done ? number(r.summary.openSeconds) : std::string("null"));
+  s += ",\"scanTime\":" + (done ? number(r.summary.scanSeconds) : std::string("null"));
+  s += ",\"bankTime\":" + (done ? number(r.summary.bankSeconds) : std::string("null"));
+  s += ",\"tableTime\":" + (done ? number(r.summary.tableSeconds) : std::string("null"));
+  s += ",\"bankReused\":" + (done ? std::string(r.summary.bankReused ? "true" : "false") : std::string("null"));
   s += ",\"rowTime\":" + (done ? number(r.summary.rowSeconds) : std::string("null"));
   s += ",\"writeTime\":" + (done ? number(r.summary.writeSeconds) : std::string("null"));
   s += ",\"maxCoC\":" +

@@ -6,6 +6,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -264,6 +265,50 @@ const char* kindName(int kind) {
     case TEXT_KNOB: return "text";
     default: return "other";
   }
+}
+
+namespace {
+
+// Copies `from`'s value into `to` where it differs (doubles hold every field's value exactly);
+// true when something was written.
+bool copyValue(const Knob& from, Knob& to) {
+  if (!from.field() || !to.field() || from.storeType() != to.storeType() ||
+      from.arraySize() != to.arraySize())
+    return false;
+  if (from.storeType() == ChannelSetPtr) {
+    const ChannelSet& value = *static_cast<const ChannelSet*>(from.field());
+    if (*static_cast<const ChannelSet*>(to.field()) == value)
+      return false;
+    return to.setChannelSet(value);
+  }
+  bool changed = false;
+  for (int i = 0; i < from.arraySize(); ++i) {
+    if (from.storeType() == ChannelPtr) {
+      const Channel z = static_cast<const Channel*>(from.field())[i];
+      if (static_cast<const Channel*>(to.field())[i] != z)
+        changed = to.setChannel(z, i) || changed;
+      continue;
+    }
+    const double v = from.get_value(i), now = to.get_value(i);
+    if (std::memcmp(&v, &now, sizeof v) != 0)
+      changed = to.set_value(v, i) || changed;
+  }
+  return changed;
+}
+
+}  // namespace
+
+void copyKnobValues(const Op& like, Op& op) {
+  bool changed = false;
+  for (const Knob* from : host::knobs(like)) {
+    Knob* to = op.knob(from->name_c_str());
+    if (to && copyValue(*from, *to)) {
+      host::knobChanged(op, to);
+      changed = true;
+    }
+  }
+  if (changed)
+    op.invalidate();
 }
 
 std::string valueText(const Knob& k) {

@@ -38,6 +38,12 @@ std::vector<KnobSetting> readPreset(const std::string& path);
 // differs from the one given (it was clamped), else "".
 std::string applySetting(DD::Image::Op& op, const KnobSetting& setting);
 
+// Gives each knob of `op` the value it has on `like` (an op of the same class) where they differ,
+// as a user's edit would (knob_changed, then invalidate): an op kept from one render to the next
+// starts the next from the knobs a new op would have, whatever the last one set or the op wrote
+// into its own knobs.
+void copyKnobValues(const DD::Image::Op& like, DD::Image::Op& op);
+
 // Refuses (UsageError) knob values from which no image can come: a lens with no aperture or no
 // distance, kernels squeezed or bent to nothing, a shift that moves the light out of the frame.
 // Each message names the knob and the values that work. `hasCamera`: a camera replaces the lens

@@ -613,17 +613,16 @@ RenderSummary summaryOf(const Iop& node, const Validated& v) {
   if (vorelNode &&
       (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
     summary.maxCoC = vorelNode->frame()->maxCoC;
+  if (vorelNode) {
+    const vorel::Frame::OpenTimes& times = vorelNode->frame()->openTimes;
+    summary.scanSeconds = times.scan;
+    summary.bankSeconds = times.bank;
+    summary.tableSeconds = times.tables;
+    summary.bankReused = times.bankReused;
+  }
   return summary;
 }
 
-// The images on the node's inputs, once the node that read them is gone.
-void dropImages(Inputs& in) {
-  in.input0.op.reset();
-  in.kernel.op.reset();
-  in.mattes.op.reset();
-  in.deep.reset();
-  in.camera.reset();
-}
 
 }  // namespace
 
@@ -674,16 +673,63 @@ std::string cameraText(const CameraValues& c) {
   return s.str();
 }
 
+// The node and its inputs, kept from one render to the next; `like` is a new node, whose knobs the
+// kept one takes back before each render.
+struct Renderer::Kept {
+  std::unique_ptr<Op> like;
+  std::unique_ptr<Op> node;
+  Inputs inputs;  // what the node's inputs point at, held as long as they do
+
+  // The frame's tables (the invalidation keeps the node's kernels for the next frame) and the
+  // images on the node's inputs, disconnected first so that the node points at nothing freed.
+  void releaseFrame() {
+    if (node) {
+      node->invalidate();
+      for (int i = 0; i < node->inputs(); ++i)
+        host::connect(*node, i, nullptr);
+    }
+    inputs = Inputs();
+  }
+};
+
+Renderer::Renderer() : kept_(std::make_unique<Kept>()) {}
+Renderer::~Renderer() = default;
+
 RenderSummary render(const RenderOptions& o, const RenderReport& report) {
+  Renderer renderer;
+  return renderer.render(o, report);
+}
+
+RenderSummary Renderer::render(const RenderOptions& o, const RenderReport& report) {
+  try {
+    return renderWithNode(o, report);
+  } catch (...) {
+    // Whatever state the failure left the node in is not carried into the next render.
+    kept_->node.reset();
+    kept_->inputs = Inputs();
+    throw;
+  }
+}
+
+RenderSummary Renderer::renderWithNode(const RenderOptions& o, const RenderReport& report) {
   const auto start = Clock::now();
   const Plan plan = checkPlan(o);
-  Inputs in;
+  Kept& kept = *kept_;
+  // The last render's images, and with the invalidation its tables, go before this one's are
+  // read: a shot holds one frame at a time (and the kernels).
+  kept.releaseFrame();
+  Inputs& in = kept.inputs;
   loadImages(o, plan, report, in);
   makeCamera(o, report, in);
   const double readSeconds = secondsSince(start);
 
-  std::unique_ptr<Op> nodeOp = makeNode();
-  Iop& node = static_cast<Iop&>(*nodeOp);
+  if (!kept.like)
+    kept.like = makeNode();
+  if (kept.node)
+    copyKnobValues(*kept.like, *kept.node);
+  else
+    kept.node = makeNode();
+  Iop& node = static_cast<Iop&>(*kept.node);
   connectInputs(node, o, plan, in);
   applyKnobs(node, o, in, report);
   focusAt(node, o, in, report);
@@ -709,8 +755,7 @@ RenderSummary render(const RenderOptions& o, const RenderReport& report) {
   RenderSummary summary = summaryOf(node, v);
   // The node's tables and the input's pixels are not needed for writing: going before the files
   // are encoded, they leave that room to the encoders.
-  nodeOp.reset();
-  dropImages(in);
+  kept.releaseFrame();
   writeRendered(o, out, header);
   if (!o.cocOut.empty())
     writeExr(o.cocOut, coc);

@@ -84,9 +84,36 @@ struct RenderSummary {
   // scan, kernel bank, source tables), making the rows and writing the files. Setting up and
   // validating the node between reading and opening is in none of them.
   double readSeconds = 0.0, openSeconds = 0.0, rowSeconds = 0.0, writeSeconds = 0.0;
+  // Of openSeconds, as the node measured its stages: the CoC scan, the master kernel and bank,
+  // and the source tables; 0 for an output type that has none of them. bankReused: nothing of
+  // the kernels was resampled, an earlier frame's were taken.
+  double scanSeconds = 0.0, bankSeconds = 0.0, tableSeconds = 0.0;
+  bool bankReused = false;
 };
 
-// Throws UsageError or RenderError; on any failure no output file is left behind.
+// Renders with one node kept from one render to the next, so that what the node keeps between
+// frames (its kernels, while their inputs stay the same) carries over a shot. Each render
+// connects that render's images and sets its knobs on the kept node, which first takes back the
+// knobs of a new one, so the result is what a new node would make. After a failure the next
+// render starts with a new node.
+class Renderer {
+public:
+  Renderer();
+  ~Renderer();
+  Renderer(const Renderer&) = delete;
+  Renderer& operator=(const Renderer&) = delete;
+
+  // Throws UsageError or RenderError; on any failure no output file is left behind.
+  RenderSummary render(const RenderOptions& options, const RenderReport& report);
+
+private:
+  RenderSummary renderWithNode(const RenderOptions& options, const RenderReport& report);
+
+  struct Kept;
+  std::unique_ptr<Kept> kept_;
+};
+
+// One render with a node of its own.
 RenderSummary render(const RenderOptions& options, const RenderReport& report);
 
 // A fresh node with its knobs made, for listing them. Throws RenderError if the node is not

@@ -56,7 +56,8 @@ struct Pace {
   }
 };
 
-FrameRecord renderFrame(const Shot& shot, std::size_t index, const ShotReport& report) {
+FrameRecord renderFrame(Renderer& renderer, const Shot& shot, std::size_t index,
+                        const ShotReport& report) {
   const std::size_t count = shot.frames.empty() ? 1 : shot.frames.size();
   FrameRecord record;
   record.numbered = !shot.frames.empty();
@@ -86,7 +87,7 @@ FrameRecord renderFrame(const Shot& shot, std::size_t index, const ShotReport& r
       r.progress = [&](long done, long total, double seconds, double rowSeconds) {
         report.rows(index, count, done, total, seconds, rowSeconds);
       };
-    record.summary = render(o, r);
+    record.summary = renderer.render(o, r);
   } catch (const std::exception& e) {
     if (!record.numbered)
       throw;
@@ -147,9 +148,11 @@ ShotResult renderShot(const Shot& shot, const ShotReport& report) {
   const std::size_t count = shot.frames.empty() ? 1 : shot.frames.size();
   ShotResult result;
   Pace pace;
+  // One node for the whole shot: what it keeps between frames is the point.
+  Renderer renderer;
   for (std::size_t i = 0; i < count; ++i) {
     const auto frameStart = Clock::now();
-    FrameRecord record = renderFrame(shot, i, report);
+    FrameRecord record = renderFrame(renderer, shot, i, report);
     if (record.status != FrameRecord::Skipped) {
       pace.renderSeconds += secondsSince(frameStart);
       ++pace.rendered;

@@ -224,7 +224,7 @@ void accumulationFloor(benchmark::State& state) {
   setup.open(threads);
   const std::shared_ptr<const vorel::Frame> frame = setup.node->frame();
   const vorel::NodeParameters& p = frame->params;
-  const auto& bank = frame->kernelBank;
+  const std::vector<vorel::Kernel>& bank = frame->kernelBank.entries();
   const unsigned n = unsigned(bank.size());
   const int W = setup.box.w(), H = setup.box.h(), R = std::max(0, frame->kernelRadius);
   const int N = std::max(1, p.correctiveSlices);

@@ -12,6 +12,7 @@
 #include "engines/FlatSourceTable.h"
 #include "lens/CircleOfConfusion.h"
 #include "lens/Kernel.h"
+#include "lens/KernelBank.h"
 #include "lens/NodeParameters.h"
 
 namespace DD { namespace Image { class DeepOp; class Iop; } }
@@ -59,7 +60,8 @@ struct Frame : FrameSetup {
   // For the Filter Shape output, the kernel's own columns and rows that masterKernel holds: only
   // what the output's box shows of a kernel as large as the format.
   DD::Image::Box masterKernelWindow;
-  std::vector<Kernel> kernelBank;
+  // Shared with the node's cache, and with other frames of the same kernel and maxCoC.
+  SharedKernelBank kernelBank;
   // Every entry of the bank holds the same plane in every channel (the formula kernels do), so
   // all channels at one position accumulate the same weights.
   bool kernelPlanesAlike = false;
@@ -68,6 +70,13 @@ struct Frame : FrameSetup {
   DeepSourceTable deepSources;
   // True when opening built what the output type needs.
   bool kernelsReady = false;
+  // Where opening spent its time, as the node measured it (seconds; 0 for a stage not run).
+  struct OpenTimes {
+    double scan = 0.0;
+    double bank = 0.0;    // the master kernel and the bank, or taking them from the cache
+    double tables = 0.0;  // the flat or deep source table
+    bool bankReused = false;  // nothing of the kernels was resampled for this frame
+  } openTimes;
 };
 
 }  // namespace vorel

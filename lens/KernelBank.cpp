@@ -150,6 +150,19 @@ std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const Chan
   return bank;
 }
 
+std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const ChannelSet& vorelChannels,
+                                    const std::vector<Kernel>& kept) {
+  std::vector<Kernel> bank(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
+  parallelRows(static_cast<int>(bank.size()), [&](int index) {
+    const std::size_t i = static_cast<std::size_t>(index);
+    if (i < kept.size())
+      bank[i] = kept[i];
+    else
+      fillKernelBankEntry(bank, index, master, vorelChannels);
+  });
+  return bank;
+}
+
 ChannelSet channelsSpreadingNothing(const std::vector<Kernel>& bank, std::size_t index, const ChannelSet& channels) {
   ChannelSet empty;
   foreach (z, channels) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "DDImage/ChannelSet.h"
@@ -30,6 +31,36 @@ bool planesAlike(const std::vector<Kernel>& bank, const DD::Image::ChannelSet& c
 // The whole bank for CoCs up to maxCoC: maxCoC + 5 entries (none for a negative count), filled on
 // the host's threads.
 std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const DD::Image::ChannelSet& vorelChannels);
+
+// The same, with the entries `kept` holds copied from it rather than resampled. An entry depends
+// on its index, the master kernel and the channels alone, never on how many entries the bank has,
+// so `kept` must come from the same master and channels; its size may be anything.
+std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const DD::Image::ChannelSet& vorelChannels,
+                                    const std::vector<Kernel>& kept);
+
+// A bank as frames hold it: built once and never changed, so the frames of a shot can share one.
+// It reads as the vector of entries it holds (empty when it holds none).
+class SharedKernelBank {
+public:
+  SharedKernelBank() = default;
+  explicit SharedKernelBank(std::vector<Kernel> entries)
+      : entries_(std::make_shared<const std::vector<Kernel>>(std::move(entries))) {}
+
+  const std::vector<Kernel>& entries() const { return entries_ ? *entries_ : none(); }
+  operator const std::vector<Kernel>&() const { return entries(); }
+  bool empty() const { return entries().empty(); }
+  std::size_t size() const { return entries().size(); }
+  const Kernel& operator[](std::size_t i) const { return entries()[i]; }
+  // Whether both hold the very same entries (not merely equal ones).
+  bool sameAs(const SharedKernelBank& other) const { return entries_ && entries_ == other.entries_; }
+
+private:
+  static const std::vector<Kernel>& none() {
+    static const std::vector<Kernel> empty;
+    return empty;
+  }
+  std::shared_ptr<const std::vector<Kernel>> entries_;
+};
 
 // The channels of `channels` in which entry `index` of the bank spreads nothing: its plane sums to
 // 0 or less (or it has none), so the entry stays as resampled and adds no weight. Entry 1 is the

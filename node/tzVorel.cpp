@@ -1,6 +1,7 @@
 #include "node/tzVorel.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "DDImage/CameraOp.h"
@@ -14,6 +15,7 @@
 #include "lens/BoxArea.h"
 #include "lens/CircleOfConfusion.h"
 #include "lens/KernelBank.h"
+#include "lens/KernelCache.h"
 #include "lens/MasterKernel.h"
 #include "lens/Scan.h"
 #include "node/Panel.h"
@@ -105,8 +107,10 @@ const MetaData::Bundle& tzVorel::_fetchMetaData(const char* key) {
   return Iop::_fetchMetaData(key);
 }
 
-void tzVorel::releaseKernels() {
+void tzVorel::releaseKernels(bool dropCache) {
   frame_ = setupOf(*frame_);
+  if (dropCache)
+    kernelCache_.clear();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -254,14 +258,27 @@ void tzVorel::_invalidate() {
   Iop::_invalidate();
 }
 
+// An invalidation is the host telling that something changed, which the key tells apart; close
+// is the host being done with the op for now, and a bank may be hundreds of megabytes: it goes.
 void tzVorel::_close() {
-  releaseKernels();
+  releaseKernels(true);
   Iop::_close();
 }
 
-// The defocus outputs: the master kernel, the scan, the bank and the tables, in this order.
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point t) {
+  return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+}  // namespace
+
+// The defocus outputs: the scan, the master kernel and bank (kept from the last frame where
+// their key allows), and the tables, in this order.
 void tzVorel::openDefocus(Frame& f) {
-  f.masterKernel = buildMasterKernel(f.params, f.format, input(1), false);
+  auto stageStart = Clock::now();
   const ScanResult scan = scanMaxCoC(f.params, f.format, f.inputs.source, f.inputs.deep);
   if (scan.capped)
     warning("Max kernel size is less than the maximum coc in the result, you may want to consider "
@@ -269,12 +286,27 @@ void tzVorel::openDefocus(Frame& f) {
             scan.found);
   f.maxCoC = scan.maxCoC;
   f.kernelRadius = scan.kernelRadius;
-  f.kernelBank = buildKernelBank(f.masterKernel, f.maxCoC, f.params.vorelChannels);
-  f.kernelPlanesAlike = planesAlike(f.kernelBank, f.params.vorelChannels);
+  f.openTimes.scan = secondsSince(stageStart);
+
+  stageStart = Clock::now();
+  // The host's hash of the Kernel input names its image and content, which the bank is made from.
+  Iop* kernelImage = input(1);
+  const bool readsImage = f.params.kernelType == KernelInput && kernelImage;
+  const KernelKey key = kernelKey(f.params, readsImage ? kernelImage->hash().value() : 0);
+  FrameKernels kernels = kernelCache_.kernelsFor(
+      key, f.maxCoC, [&] { return buildMasterKernel(f.params, f.format, kernelImage, false); });
+  f.masterKernel = std::move(kernels.master);
+  f.kernelBank = std::move(kernels.bank);
+  f.kernelPlanesAlike = kernels.planesAlike;
+  f.openTimes.bankReused = kernels.reused;
+  f.openTimes.bank = secondsSince(stageStart);
+
+  stageStart = Clock::now();
   if (f.params.hasDeepInput)
     f.deepSources = buildDeepSourceTable(f);
   else
     f.flatSources = buildFlatSourceTable(f);
+  f.openTimes.tables = secondsSince(stageStart);
 }
 
 void tzVorel::_open() {

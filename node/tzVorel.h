@@ -13,6 +13,7 @@
 #include "DDImage/MetaData.h"
 #include "DDImage/Row.h"
 #include "engines/Frame.h"
+#include "lens/KernelCache.h"
 #include "lens/NodeParameters.h"
 
 constexpr int kVorelVersion[3] = {1, 4, 3};
@@ -51,13 +52,17 @@ private:
   void openDefocus(vorel::Frame& frame);
   // Opens every input _open's workers read.
   void openInputs();
-  // The one place where a frame's kernels and tables go: the frame keeps its setup.
-  void releaseKernels();
+  // The one place where a frame's kernels and tables go: the frame keeps its setup. The cache
+  // keeps the master kernel and bank unless `dropCache`.
+  void releaseKernels(bool dropCache = false);
 
   // The knobs' fields, with the camera's values and the lens values of the last validation for
   // real written over them.
   vorel::NodeParameters params_;
   std::shared_ptr<const vorel::Frame> frame_;
+  // The kernels of the last defocus opened, for the next validation's frame while their key
+  // holds (a shot's frames, a viewer scrubbing a focus pull).
+  vorel::KernelCache kernelCache_;
 };
 
 namespace vorel {

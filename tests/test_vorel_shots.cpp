@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <sstream>
 
 #include "app/AppError.h"
@@ -192,6 +193,75 @@ TEST(Shots, AFocusPullRendersEachFrameAsItsOwnSettingWould) {
               std::string::npos) << file;
   }
   EXPECT_FALSE(samePixels(dir / "chan.1001.exr", dir / "chan.1004.exr"));
+}
+
+// One node renders the whole shot and keeps its kernels while the lens allows; every file is still
+// the one a render of that frame alone writes, byte for byte.
+TEST(Shots, AShotKeepsItsKernelsAndWritesWhatEachFrameAloneWould) {
+  TempDir dir;
+  for (int f = 1; f <= 3; ++f) {
+    FrameFile frame;
+    frame.shade = 0.1f * float(f);
+    frame.write(dir / ("in." + std::to_string(f) + ".exr"));
+  }
+  FlatImage kernel = image({0, 0, 7, 7}, {0, 0, 7, 7}, {"R", "G", "B"},
+                           [](int c, int x, int y) { return (x + y + c) % 3 ? 1.0f : 0.2f; });
+  writeExr(dir / "k.exr", kernel);
+  struct Case {
+    const char* name;
+    Names knobs;
+    std::vector<std::string> alone;  // each frame's own knobs
+    bool reused;                     // frames 2 and 3 take the kernels of frame 1
+  };
+  auto each = [](const std::string& knob, Names values) {
+    std::vector<std::string> out;
+    for (const std::string& v : values)
+      out.push_back(knob + "=" + v);
+    return out;
+  };
+  const Case cases[] = {
+      {"pull", Names{"--set", "focalPlane=1:120 3:300"}, each("focalPlane", {"120", "210", "300"}), true},
+      {"lens", Names{"--set", "focalPlane=150", "--kernel", "k.exr"}, each("focalPlane", {"150", "150", "150"}),
+       true},
+      {"soft", Names{"--set", "kSoftness=1:0.1 3:0.5"}, each("kSoftness", {"0.1", "0.3", "0.5"}), false}};
+  for (const Case& c : cases) {
+    const std::string name = c.name;
+    const Outcome shot = vorel(dir, Names{"render", "in.#.exr", "-o", name + ".#.exr", "--frames", "1-3",
+                                          "--json"} + c.knobs + kBlur);
+    ASSERT_EQ(shot.code, 0) << shot.err;
+    std::istringstream records(shot.out);
+    std::string record;
+    for (int f = 1; f <= 3; ++f) {
+      ASSERT_TRUE(std::getline(records, record)) << shot.out;
+      for (const char* field : {"\"scanTime\":", "\"bankTime\":", "\"tableTime\":"})
+        EXPECT_NE(record.find(field), std::string::npos) << record;
+      const bool reused = f > 1 && c.reused;
+      EXPECT_NE(record.find(std::string("\"bankReused\":") + (reused ? "true" : "false")),
+                std::string::npos) << name << " " << record;
+
+      const std::string n = std::to_string(f);
+      Names alone = {"render", "in." + n + ".exr", "-o", name + "-alone." + n + ".exr", "--set",
+                     c.alone[std::size_t(f - 1)]};
+      if (name == "lens")
+        alone = alone + Names{"--kernel", "k.exr"};
+      const Outcome one = vorel(dir, alone + kBlur);
+      ASSERT_EQ(one.code, 0) << one.err;
+      EXPECT_EQ(bytes(dir / (name + "." + n + ".exr")), bytes(dir / (name + "-alone." + n + ".exr")))
+          << name << " frame " << n;
+    }
+  }
+
+  // The open time split by stage, in the line another tool parses.
+  const Outcome timed = vorel(dir, Names{"render", "in.#.exr", "-o", "t.#.exr", "--frames", "1-2",
+                                         "--timings", "-q"} + kBlur);
+  ASSERT_EQ(timed.code, 0) << timed.err;
+  const std::regex line(R"(frame [12]: timings: read \S+ s, open \S+ s \(scan \S+ s, bank \S+ s, )"
+                        R"(tables \S+ s\), rows \S+ s, write \S+ s)");
+  std::istringstream lines(timed.out);
+  int matched = 0;
+  for (std::string l; std::getline(lines, l);)
+    matched += std::regex_match(l, line);
+  EXPECT_EQ(matched, 2) << timed.out;
 }
 
 TEST(Shots, KernelAndMattePathsFollowTheFrameToo) {

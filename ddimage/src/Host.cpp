@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <numeric>
@@ -228,6 +229,23 @@ float FlatImage::value(int x, int y, Channel z) const {
 void FlatImage::fill(Channel z, float v) {
   if (channels_.contains(z))
     std::fill(planes_[z].begin(), planes_[z].end(), v);
+}
+
+void FlatImage::append(Hash& hash) {
+  for (int v : {format_.width(), format_.height(), format_.x(), format_.y(), format_.r(), format_.t(), box_.x(), box_.y(), box_.r(), box_.t()})
+    hash.append(v);
+  foreach (z, channels_) {
+    hash.append(static_cast<int>(z));
+    // Word by word: a byte-wise pass over a whole frame would take longer than reading it.
+    std::uint64_t h = 0x9e3779b97f4a7c15ull;
+    for (float v : planes_[z]) {
+      std::uint32_t bits;
+      std::memcpy(&bits, &v, sizeof bits);
+      h = (h ^ bits) * 0x100000001b3ull;
+      h ^= h >> 29;
+    }
+    hash.append(static_cast<unsigned long long>(h));
+  }
 }
 
 float* FlatImage::plane(Channel z) { return channels_.contains(z) ? planes_[z].data() : nullptr; }

@@ -143,6 +143,22 @@ std::string Op::input_longlabel(int n) const {
 
 void Op::append(Hash&) {}
 
+const Hash& Op::hash() const {
+  Hash h;
+  h.append(Class());
+  for (const Knob* k : knobs_) {
+    h.append(k->name());
+    for (int i = 0; i < k->arraySize(); ++i)
+      h.append(k->get_value(i));
+  }
+  // append() is the op's own business and not const in the SDK; it only reads the op.
+  const_cast<Op*>(this)->append(h);
+  for (const Op* in : inputs_)
+    h.append(in ? in->hash().value() : 0ull);
+  hash_ = h;
+  return hash_;
+}
+
 // What the host's own ops do: hand on input 0's metadata.
 const MetaData::Bundle& Op::_fetchMetaData(const char* key) {
   static const MetaData::Bundle empty;

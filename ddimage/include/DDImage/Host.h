@@ -133,6 +133,8 @@ public:
   const char* Class() const override { return "HostFlatImage"; }
   const char* node_help() const override { return "in-memory flat image"; }
   void engine(int y, int x, int r, ChannelMask channels, Row& row) override;
+  // The windows, the channels and every pixel, as a reader appends its file and frame.
+  void append(Hash& hash) override;
   // What the image hands on as its metadata, as a file reader does.
   MetaData::Bundle& metadata() { return metadata_; }
   const MetaData::Bundle& _fetchMetaData(const char*) override { return metadata_; }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "DDImage/Box.h"
+#include "DDImage/Hash.h"
 #include "DDImage/HostRecords.h"
 #include "DDImage/OutputContext.h"
 
@@ -88,6 +89,10 @@ public:
   virtual const char* node_help() const = 0;
 
   virtual void append(Hash& hash);
+  // What the host knows the op's output by: its class, its knobs' values, what append() adds and
+  // its inputs' hashes. Ops whose pixels come from elsewhere (files, memory) append those, so two
+  // ops with one hash give the same pixels. Made afresh at each call.
+  const Hash& hash() const;
   const MetaData::Bundle& fetchMetaData(const char* key) { return _fetchMetaData(key); }
   virtual const MetaData::Bundle& _fetchMetaData(const char* key);
 
@@ -155,6 +160,7 @@ private:
   bool requestedAny_ = false;
   std::atomic<int> interests_{0};
   std::atomic<int> unrequestedReads_{0};
+  mutable Hash hash_;
 };
 
 }  // namespace Image
