@@ -64,8 +64,25 @@ void splatPixel(const SplatContext& context, const SourceSample& sample, const R
                 const SliceAccumulators& slices) {
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
-  splat(context.params, context.bank, context.bankSize, context.format, sample, row,
-        slices.colourPlanes.data(), slices.weightPlanes.data(), walk, context.sharedWeightChannel);
+  const ChannelPlanes* colours = slices.colourPlanes.data();
+  const ChannelPlanes* weights = slices.weightPlanes.data();
+  auto lines = [&](int, unsigned slice, std::size_t, Channel c) {
+    return AccumulatorLines{colours[slice][c], weights[slice][c]};
+  };
+  splat(context.params, context.bank, context.bankSize, context.format, sample,
+        BandSpan{row.left, row.right, row.y, row.y}, lines, walk, context.sharedWeightChannel);
+}
+
+VOREL_WIDE_VECTORS
+void splatBand(const SplatContext& context, const SourceSample& sample, const BandSpan& span,
+               const BandAccumulators& band) {
+  const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
+                          context.kernelPlanes.data()};
+  auto lines = [&](int y, unsigned slice, std::size_t k, Channel) {
+    return AccumulatorLines{band.colour(y, slice, k), band.weight(y, slice, k)};
+  };
+  splat(context.params, context.bank, context.bankSize, context.format, sample, span, lines, walk,
+        context.sharedWeightChannel);
 }
 
 }  // namespace vorel

@@ -157,6 +157,7 @@ void expectSame(tzVorel& node, const Box& area, const ChannelSet& channels, cons
   plain.flatSources.clear();
   plain.deepSources.clear();
   plain.kernelPlanesAlike = false;
+  plain.bands.reset();
   for (int y = area.y(); y < area.t(); ++y) {
     Row row(area.x(), area.r());
     frameRow(plain, y, area.x(), area.r(), channels, row);
