@@ -111,8 +111,13 @@ void BandCache::workOn(Band& band, const ComputeStrip& compute, std::unique_lock
   stripDone_.wait(lock, [&] { return band.finished(); });
 }
 
-bool BandCache::serveRow(const BandKey& key, int y, int y0, int y1, int stripColumns,
+bool BandCache::serveRow(int y, int boxY, int boxT, BandKey key, bool narrowStrips,
                          const std::vector<Channel>& channels, const ComputeStrip& compute, Row& out) {
+  const int bandRows = std::max(1, shape_.rows);
+  key.band = (y - boxY) / bandRows;
+  const int y0 = boxY + key.band * bandRows;
+  const int y1 = std::min(boxT, y0 + bandRows);
+  const int stripColumns = narrowStrips ? shape_.stripColumns : key.right - key.left;
   std::unique_lock<std::mutex> lock(mutex_);
   const std::shared_ptr<Band> band = bandFor(key, y0, y1, channels.size(), stripColumns);
   workOn(*band, compute, lock);

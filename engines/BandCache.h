@@ -20,10 +20,16 @@
 
 namespace vorel {
 
-// Rows in a band and output columns in a strip: measured on the benchmark frame (see
-// docs/architecture.md).
+// Rows in a band and output columns in a strip, as the node's bands have them: measured on the
+// benchmark frame (see docs/architecture.md).
 constexpr int kBandRows = 16;
-constexpr int kStripColumns = 192;
+constexpr int kStripColumns = 256;
+
+struct BandShape {
+  int rows = kBandRows;
+  int stripColumns = kStripColumns;
+};
+
 // Bands kept at once, finished or under way, before the oldest is let go (a host asking only some
 // rows of each band would otherwise keep them all).
 constexpr std::size_t kBandsKept = 8;
@@ -36,7 +42,8 @@ struct BandArea {
   int spanLeft, spanRight;
 };
 
-// Which rows a band serves: the band's index, the request's columns, channels and pass.
+// Which rows a band serves: the band's index (filled in by the cache), the request's columns,
+// channels and pass.
 struct BandKey {
   int band;
   int left, right;
@@ -55,10 +62,14 @@ public:
   using ComputeStrip = std::function<bool(const BandArea& area, BandAccumulators& accumulators,
                                           const StripOutput& out)>;
 
-  // Row y of the band `key` (rows [y0, y1)) into `out` for the listed channels, computing the band
-  // with the other threads that ask for its rows. False when its computation was aborted (the
-  // row is left as it was); an exception from it reaches every row waiting for the band.
-  bool serveRow(const BandKey& key, int y, int y0, int y1, int stripColumns,
+  explicit BandCache(BandShape shape = BandShape{}) : shape_(shape) {}
+
+  // Row y of the box's rows [boxY, boxT) into `out` for the listed channels, computing its band
+  // with the other threads that ask for rows of it. With `narrowStrips` the band is shared out in
+  // strips of columns; without, the sources cannot tell which pixels reach a strip and the band is
+  // one strip. False when the band's computation was aborted (the row is left as it was); an
+  // exception from it reaches every row waiting for the band.
+  bool serveRow(int y, int boxY, int boxT, BandKey key, bool narrowStrips,
                 const std::vector<DD::Image::Channel>& channels, const ComputeStrip& compute,
                 DD::Image::Row& out);
 
@@ -72,6 +83,7 @@ private:
   void forget(const Band& band);
   std::unique_ptr<BandAccumulators> takeAccumulators();
 
+  const BandShape shape_;
   mutable std::mutex mutex_;
   std::condition_variable stripDone_;
   std::vector<std::shared_ptr<Band>> bands_;  // oldest first

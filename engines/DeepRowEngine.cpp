@@ -231,12 +231,8 @@ void deepRowEngine(const Frame& frame, int y, int x, int r, const ChannelSet& ch
     return;
   // Without kernels (not opened since the last validation) nothing can be spread.
   const bool spreads = frame.inputs.deep && frame.inputs.source && frame.kernelRadius >= 0 && !frame.kernelBank.empty();
-  // Without the table nothing tells how far a pixel reaches: every strip would read and cut
-  // every pixel of the rows, so the band is one strip.
-  const int stripColumns = spreads && deepTableServes(frame, x - frame.kernelRadius, r + frame.kernelRadius)
-                               ? kStripColumns
-                               : r - x;
-  defocusRow(frame, y, x, r, channels, row, side, stripColumns,
+  const bool tabled = spreads && deepTableServes(frame, x - frame.kernelRadius, r + frame.kernelRadius);
+  defocusRow(frame, y, x, r, channels, row, side, tabled,
              [&](const SplatContext& context, const BandArea& area, const BandAccumulators& band) {
                if (!spreads)
                  return true;

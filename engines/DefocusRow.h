@@ -33,11 +33,11 @@ bool defocusBand(const Frame& frame, const SplatContext& context, const BandArea
 }
 
 // Row y over [x, r). `side` tells the passes of one engine apart in the band cache;
-// `stripColumns` is how wide a strip the sources can serve without reading every column of the
-// request (the whole request when they cannot tell how far a pixel reaches).
+// `narrowStrips` says whether the sources can tell which pixels reach a strip of columns (without,
+// a strip would read and work out every pixel of the request, and a band is one strip).
 template <class SpreadSources>
 void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::ChannelSet& channels,
-                DD::Image::Row& out, int side, int stripColumns, const SpreadSources& spreadSources) {
+                DD::Image::Row& out, int side, bool narrowStrips, const SpreadSources& spreadSources) {
   const NodeParameters& p = frame.params;
   // Channels outside the effect are finished here; the merge overwrites the others.
   if (DD::Image::Iop* input = frame.inputs.source) {
@@ -58,10 +58,7 @@ void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::Channe
 
   const DD::Image::Box& box = frame.box;
   if (frame.bands && y >= box.y() && y < box.t()) {
-    const int band = (y - box.y()) / kBandRows;
-    const int y0 = box.y() + band * kBandRows;
-    const int y1 = std::min(box.t(), y0 + kBandRows);
-    frame.bands->serveRow(BandKey{band, x, r, side, channels}, y, y0, y1, stripColumns, context.channelList,
+    frame.bands->serveRow(y, box.y(), box.t(), BandKey{0, x, r, side, channels}, narrowStrips, context.channelList,
                           compute, out);
     return;
   }

@@ -224,10 +224,7 @@ void flatRowEngine(const Frame& frame, int y, int x, int r, const ChannelSet& ch
   if (!frame.inputs.source || r <= x)
     return;
   const int radius = std::max(0, frame.kernelRadius);
-  // Without the table nothing tells how far a pixel reaches: every strip would read and work out
-  // every pixel of the rows, so the band is one strip.
-  const int stripColumns = flatTableServes(frame, x - radius, r + radius) ? kStripColumns : r - x;
-  defocusRow(frame, y, x, r, channels, out, 0, stripColumns,
+  defocusRow(frame, y, x, r, channels, out, 0, flatTableServes(frame, x - radius, r + radius),
              [&](const SplatContext& context, const BandArea& area, const BandAccumulators& band) {
                FlatSources sources(frame, context, channels, area);
                return sources.spread(band);

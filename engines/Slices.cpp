@@ -35,9 +35,13 @@ void BandAccumulators::reset(int y0, int y1, int left, int right, std::size_t sl
   y1_ = std::max(y0, y1);
   left_ = left;
   width_ = static_cast<std::size_t>(std::max(0, right - left));
+  constexpr std::size_t kLineFloats = 16;
+  stride_ = (width_ + kLineFloats - 1) / kLineFloats * kLineFloats;
+  if ((stride_ / kLineFloats) % 2 == 0)
+    stride_ += kLineFloats;
   slices_ = slices;
   channels_ = channels;
-  const std::size_t count = static_cast<std::size_t>(y1_ - y0_) * slices * channels * 2 * width_;
+  const std::size_t count = static_cast<std::size_t>(y1_ - y0_) * slices * channels * 2 * stride_;
   // assign keeps the capacity: a band no larger than the last allocates nothing.
   values_.assign(count, 0.0f);
 }

@@ -35,7 +35,9 @@ class BandAccumulators {
 public:
   void reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels);
   float* colour(int y, std::size_t slice, std::size_t k) const { return line(y, slice, k) - left_; }
-  float* weight(int y, std::size_t slice, std::size_t k) const { return line(y, slice, k) + width_ - left_; }
+  float* weight(int y, std::size_t slice, std::size_t k) const { return line(y, slice, k) + stride_ - left_; }
+  // From a row's line to the same line of the next row.
+  std::ptrdiff_t rowStride() const { return static_cast<std::ptrdiff_t>(channels_ * 2 * stride_); }
   int y0() const { return y0_; }
   int y1() const { return y1_; }
   int left() const { return left_; }
@@ -45,12 +47,16 @@ public:
 
 private:
   float* line(int y, std::size_t slice, std::size_t k) const {
-    const std::size_t index = (static_cast<std::size_t>(y - y0_) * slices_ + slice) * channels_ + k;
-    return const_cast<float*>(values_.data()) + index * 2 * width_;
+    // Slice first: neighbouring samples mostly share a slice, and so the same few lines.
+    const std::size_t rows = static_cast<std::size_t>(y1_ - y0_);
+    const std::size_t index = (slice * rows + static_cast<std::size_t>(y - y0_)) * channels_ + k;
+    return const_cast<float*>(values_.data()) + index * 2 * stride_;
   }
   std::vector<float> values_;
   int y0_ = 0, y1_ = 0, left_ = 0;
-  std::size_t width_ = 0, slices_ = 0, channels_ = 0;
+  // stride_: floats from one line to the next, an odd number of cache lines, so that the lines
+  // one sample adds to don't all fall into the same few cache sets.
+  std::size_t width_ = 0, stride_ = 0, slices_ = 0, channels_ = 0;
 };
 
 // One channel of one output row, the slices laid near to far over columns [x, r): colours[s] and

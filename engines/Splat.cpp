@@ -11,6 +11,29 @@ namespace vorel {
 
 using namespace splatcore;
 
+namespace {
+
+// The one row of a row's accumulators, by channel number.
+struct SliceLines {
+  const ChannelPlanes* colours;
+  const ChannelPlanes* weights;
+  AccumulatorLines operator()(int, unsigned slice, std::size_t, Channel c) const {
+    return {colours[slice][c], weights[slice][c]};
+  }
+  std::ptrdiff_t rowStride() const { return 0; }
+};
+
+// A band's accumulators, by listed channel.
+struct BandLines {
+  const BandAccumulators& band;
+  AccumulatorLines operator()(int y, unsigned slice, std::size_t k, Channel) const {
+    return {band.colour(y, slice, k), band.weight(y, slice, k)};
+  }
+  std::ptrdiff_t rowStride() const { return band.rowStride(); }
+};
+
+}  // namespace
+
 int chromaticShift(const NodeParameters& p, int position, Channel c, float spread) {
   return shiftedPosition(p, position, c, spread);
 }
@@ -64,11 +87,7 @@ void splatPixel(const SplatContext& context, const SourceSample& sample, const R
                 const SliceAccumulators& slices) {
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
-  const ChannelPlanes* colours = slices.colourPlanes.data();
-  const ChannelPlanes* weights = slices.weightPlanes.data();
-  auto lines = [&](int, unsigned slice, std::size_t, Channel c) {
-    return AccumulatorLines{colours[slice][c], weights[slice][c]};
-  };
+  const SliceLines lines{slices.colourPlanes.data(), slices.weightPlanes.data()};
   splat(context.params, context.bank, context.bankSize, context.format, sample,
         BandSpan{row.left, row.right, row.y, row.y}, lines, walk, context.sharedWeightChannel);
 }
@@ -78,9 +97,7 @@ void splatBand(const SplatContext& context, const SourceSample& sample, const Ba
                const BandAccumulators& band) {
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
-  auto lines = [&](int y, unsigned slice, std::size_t k, Channel) {
-    return AccumulatorLines{band.colour(y, slice, k), band.weight(y, slice, k)};
-  };
+  const BandLines lines{band};
   splat(context.params, context.bank, context.bankSize, context.format, sample, span, lines, walk,
         context.sharedWeightChannel);
 }

@@ -151,7 +151,8 @@ struct AccumulatorLines {
 
 // Walk: walk(entry, body) calls body(k, channel, plane) for each channel to splat, in ascending
 // order, k counting them, with that channel's plane of kernelBank[entry] (null when the entry has
-// none). Lines: lines(y, slice, k, channel) gives the accumulators of output row y. The sample
+// none). Lines: lines(y, slice, k, channel) gives the accumulators of output row y (null for all
+// rows or none), lines.rowStride() how far on those of the next row are. The sample
 // adds to rows [span.lo, span.hi] of columns [span.left, span.right): its lens, blend, bloom and
 // spread values are worked out once, then each kernel row that lands is added to its row. Each
 // output element gets the same additions in the same order as it would with one row at a time
@@ -205,14 +206,17 @@ __attribute__((always_inline)) inline void splat(
         const bool colourOnly = sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel;
         // Output row y takes kernel row s.y - y + h.
         const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(s.y - lo) * width;
-        for (int y = lo; y <= hi; ++y, Krow -= width) {
-          const AccumulatorLines a = lines(y, s.slice, k, c);
-          if (!a.colour || !a.weight)
-            continue;
+        AccumulatorLines a = lines(lo, s.slice, k, c);
+        if (!a.colour || !a.weight)
+          return;
+        const std::ptrdiff_t stride = lines.rowStride();
+        float* P = a.colour + clip.start;
+        float* Q = a.weight + clip.start;
+        for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride) {
           if (colourOnly)
-            accumulateColour(a.colour + clip.start, Krow, cw, clip.count);
+            accumulateColour(P, Krow, cw, clip.count);
           else
-            accumulate(a.colour + clip.start, a.weight + clip.start, Krow, cw, w, clip.count);
+            accumulate(P, Q, Krow, cw, w, clip.count);
         }
       });
       continue;
@@ -234,12 +238,14 @@ __attribute__((always_inline)) inline void splat(
         return;
       const float cw = spreadValue(c) * w;
       const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(sy - lo) * width;
-      for (int y = lo; y <= hi; ++y, Krow -= width) {
-        const AccumulatorLines a = lines(y, s.slice, k, c);
-        if (!a.colour || !a.weight)
-          continue;
-        accumulate(a.colour + clip.start, a.weight + clip.start, Krow, cw, w, clip.count);
-      }
+      AccumulatorLines a = lines(lo, s.slice, k, c);
+      if (!a.colour || !a.weight)
+        return;
+      const std::ptrdiff_t stride = lines.rowStride();
+      float* P = a.colour + clip.start;
+      float* Q = a.weight + clip.start;
+      for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride)
+        accumulate(P, Q, Krow, cw, w, clip.count);
     });
   }
 }
