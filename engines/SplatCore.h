@@ -199,7 +199,7 @@ __attribute__((always_inline)) inline void splat(
       const KernelRowClip clip = clipKernelRow(s.x, s.y, h, width, RowSpan{span.left, s.y, span.right});
       if (clip.count <= 0)
         continue;
-      walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) {
+      walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) __attribute__((always_inline)) {
         if (!K)
           return;
         const float cw = spreadValue(c) * w;
@@ -222,7 +222,7 @@ __attribute__((always_inline)) inline void splat(
       continue;
     }
 
-    walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) {
+    walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) __attribute__((always_inline)) {
       // Truncation toward zero is not the same at every position: it is taken from the format's
       // corner, so that where the image stands doesn't change where a channel lands.
       const int sx = shiftedPosition(p, s.x - format.x(), c, spread) + format.x();
@@ -256,7 +256,7 @@ struct PreparedWalk {
   const DD::Image::Channel* channels;
   std::size_t count;
   const float* const* planes;  // planes[entry * count + k]
-  template <class Body> void operator()(unsigned entry, Body&& body) const {
+  template <class Body> __attribute__((always_inline)) void operator()(unsigned entry, Body&& body) const {
     const float* const* row = planes + static_cast<std::size_t>(entry) * count;
     for (std::size_t k = 0; k < count; ++k)
       body(k, channels[k], row[k]);
