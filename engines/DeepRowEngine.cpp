@@ -30,26 +30,42 @@ void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
     list.push_back(c);
 }
 
-// The deep input's source samples for one output row: the pieces of every deep pixel within
-// reach, front to back, and what they leave uncovered as transparent black at the far limit.
+// Far more than any kernel reaches: how far a pixel may reach when there is no table to say.
+constexpr int kReachUnknown = 1 << 29;
+
+// Whether the frame's table holds the source columns [left, right) of a request.
+bool deepTableServes(const Frame& frame, int left, int right) {
+  const DeepSourceTable& table = frame.deepSources;
+  return table.ready && left >= table.left && right <= table.right &&
+         table.window == deepReadWindow(frame.format, frame.inputs.deep->deepInfo().box());
+}
+
+// The deep input's source samples for one strip of a band of output rows: the pieces of every
+// deep pixel within reach, front to back, and what they leave uncovered as transparent black at
+// the far limit. Each pixel is cut into pieces once and spread into every row of the band.
 class DeepSources {
 public:
-  DeepSources(const Frame& frame, const SplatContext& context, const ChannelSet& channels, int y, int x,
-              int r, int side);
+  DeepSources(const Frame& frame, const SplatContext& context, const ChannelSet& channels, const BandArea& area,
+              int side);
   // False when the render is aborted.
-  bool spread(const RowSpan& span, const SliceAccumulators& slices);
+  bool spread(const BandAccumulators& band);
 
 private:
-  bool fetchRow(int pixelY);
-  void spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, const RowSpan& span,
-                   const SliceAccumulators& slices);
+  bool fetchRow(int pixelY, int left, int right);
+  void spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, const BandSpan& rows,
+                   const BandAccumulators& band);
+  BandSpan rowsFrom(int sourceY, int reach) const {
+    const int rows = std::min(radius_, reach);
+    return {area_.left, area_.right, std::max(area_.y0, sourceY - rows), std::min(area_.y1 - 1, sourceY + rows)};
+  }
 
   const Frame& frame_;
   const SplatContext& context_;
   const ChannelSet& channels_;
   DeepOp& deep_;
   Iop& input_;
-  int y_, side_, left_, right_, radius_;
+  BandArea area_;
+  int side_, left_, right_, radius_;
   // Deep pixels are read within this window; beyond it they repeat its edge pixels.
   Box window_;
   ChannelSet workChannels_, deepChannels_;
@@ -61,26 +77,26 @@ private:
   DeepOutPixel pieces_;
   DeepPlane plane_;
   ChannelSet planeChannels_;
-  // Both rows are refilled over their whole span for every source row.
+  // Both rows are refilled for every source row over the columns it reads.
   Row paddedInput_;
   MatteRow paddedMattes_;
 };
 
-DeepSources::DeepSources(const Frame& frame, const SplatContext& context, const ChannelSet& channels, int y,
-                         int x, int r, int side)
+DeepSources::DeepSources(const Frame& frame, const SplatContext& context, const ChannelSet& channels,
+                         const BandArea& area, int side)
     : frame_(frame),
       context_(context),
       channels_(channels),
       deep_(*frame.inputs.deep),
       input_(*frame.inputs.source),
-      y_(y),
+      area_(area),
       side_(side),
-      left_(x - frame.kernelRadius),
-      right_(r + frame.kernelRadius),
+      left_(area.spanLeft - frame.kernelRadius),
+      right_(area.spanRight + frame.kernelRadius),
       radius_(frame.kernelRadius),
       depthOfPiece_(sampleDepthChannel(frame.params.depthChannel)),
-      paddedInput_(x - frame.kernelRadius, r + frame.kernelRadius),
-      paddedMattes_(x - frame.kernelRadius, r + frame.kernelRadius) {
+      paddedInput_(area.spanLeft - frame.kernelRadius, area.spanRight + frame.kernelRadius),
+      paddedMattes_(area.spanLeft - frame.kernelRadius, area.spanRight + frame.kernelRadius) {
   window_ = deepReadWindow(frame.format, deep_.deepInfo().box());
   workChannels_ = channels;
   workChannels_ &= frame.params.vorelChannels;
@@ -96,49 +112,67 @@ DeepSources::DeepSources(const Frame& frame, const SplatContext& context, const 
   pieces_.reserve(64);
 }
 
-bool DeepSources::spread(const RowSpan& span, const SliceAccumulators& slices) {
-  // The frame's table tells which deep pixels can reach this row at all; the others, and whole
+bool DeepSources::spread(const BandAccumulators& band) {
+  // The frame's table tells which deep pixels can reach the band at all; the others, and whole
   // source rows of them, are passed over before they are fetched or cut into pieces.
   const DeepSourceTable& table = frame_.deepSources;
-  const bool tabled = table.ready && left_ >= table.left && right_ <= table.right && table.window == window_;
+  const bool tabled = deepTableServes(frame_, left_, right_);
   const std::size_t tableWidth = static_cast<std::size_t>(table.right - table.left);
   const bool allPieces = side_ == DepthSideNone;
 
-  for (int sourceY = y_ - radius_; sourceY <= y_ + radius_; ++sourceY) {
+  for (int sourceY = area_.y0 - radius_; sourceY < area_.y1 + radius_; ++sourceY) {
+    if (renderAborted(frame_))
+      return false;
     const int pixelY = clampInto(sourceY, window_.y(), window_.t());
-    const int distance = rowDistance(sourceY, y_);
+    const int distance = bandDistance(sourceY, area_.y0, area_.y1);
     const std::int32_t* reach = nullptr;
+    long long rowReach = kReachUnknown;
     if (tabled && pixelY >= table.bottom && pixelY < table.top) {
       const std::size_t tableRow = static_cast<std::size_t>(pixelY - table.bottom);
-      if ((allPieces ? table.rowReach : table.rowReachSided)[tableRow] < distance)
+      rowReach = (allPieces ? table.rowReach : table.rowReachSided)[tableRow];
+      if (rowReach < distance)
         continue;
       reach = (allPieces ? table.reach : table.reachSided).data() + tableRow * tableWidth;
     }
+    // Only the columns whose kernels can reach the strip are read.
+    const int left = static_cast<int>(std::max<long long>(left_, area_.left - rowReach));
+    const int right = static_cast<int>(std::min<long long>(right_, area_.right + rowReach));
+    if (left >= right)
+      continue;
     // false means the render is aborted: nothing more is fetched, nothing merged.
-    if (!fetchRow(pixelY))
+    if (!fetchRow(pixelY, left, right))
       return false;
     const Box planeBox = plane_.box();
-    for (int sourceX = left_; sourceX < right_; ++sourceX) {
-      if (reach && reach[sourceX - table.left] < distance)
-        continue;
+    for (int sourceX = left; sourceX < right; ++sourceX) {
+      int pixelReach = kReachUnknown;
+      if (reach) {
+        pixelReach = reach[sourceX - table.left];
+        if (pixelReach < distance || sourceX + pixelReach < area_.left || sourceX - pixelReach >= area_.right)
+          continue;
+      }
       const int pixelX = clampInto(sourceX, window_.x(), window_.r());
       if (pixelX < planeBox.x() || pixelX >= planeBox.r() || pixelY < planeBox.y() || pixelY >= planeBox.t())
         continue;
       // Only a plane wider than asked for could hold a column the padded rows lack.
       if (pixelX < left_ || pixelX >= right_)
         continue;
-      spreadPixel(sourceX, sourceY, pixelX, pixelY, span, slices);
+      spreadPixel(sourceX, sourceY, pixelX, pixelY, rowsFrom(sourceY, pixelReach), band);
     }
   }
   return true;
 }
 
-// The flat row, the matte row and the deep row at pixelY; false when the deep fetch fails.
-bool DeepSources::fetchRow(int pixelY) {
-  const int fetchLeft = std::max(window_.x(), std::min(window_.r(), left_));
-  const int fetchRight = std::max(window_.x(), std::min(window_.r(), right_));
-  paddedInput_.get(input_, pixelY, left_, right_, channels_);
-  paddedMattes_.fetch(frame_, pixelY);
+// The flat row, the matte row and the deep row at pixelY for source columns [left, right): the
+// pixels they clamp to; false when the deep fetch fails.
+bool DeepSources::fetchRow(int pixelY, int left, int right) {
+  // The columns the source columns clamp to, as far as the request reads them.
+  const int pixelLeft = std::max(left_, clampInto(left, window_.x(), window_.r()));
+  const int pixelRight = std::min(right_, clampInto(right - 1, window_.x(), window_.r()) + 1);
+  const int fetchLeft = std::max(window_.x(), std::min(window_.r(), pixelLeft));
+  const int fetchRight = std::max(fetchLeft, std::max(window_.x(), std::min(window_.r(), pixelRight)));
+  if (pixelLeft < pixelRight)
+    paddedInput_.get(input_, pixelY, pixelLeft, pixelRight, channels_);
+  paddedMattes_.fetch(frame_, pixelY, left, right);
   if (!deep_.deepEngine(Box(fetchLeft, pixelY, fetchRight, pixelY + 1), deepChannels_, plane_))
     return false;
   planeChannels_ = plane_.channels();
@@ -151,8 +185,8 @@ bool DeepSources::fetchRow(int pixelY) {
   return true;
 }
 
-void DeepSources::spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, const RowSpan& span,
-                              const SliceAccumulators& slices) {
+void DeepSources::spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, const BandSpan& rows,
+                              const BandAccumulators& band) {
   const MatteValues matte = paddedMattes_.at(sourceX);
   // Channels the deep pixel lacks are spread with the flat input's value.
   for (const Channel c : requested_)
@@ -176,17 +210,17 @@ void DeepSources::spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, 
         sample.coc = std::max(lens.coc * matte.defocus, 1.0f);
         sample.slice = lens.slice;
         sample.weight = weight;
-        splatPixel(context_, sample, span, slices);
+        splatBand(context_, sample, rows, band);
         return true;
       });
 
   if (1.0f > covered) {
     for (const Channel c : requested_)
       colours_[c] = 0.0f;
-    splatPixel(context_,
-               SourceSample{pixelX, pixelY, sourceX, sourceY, background_.coc, background_.slice,
-                            1.0f - covered, colours_.data(), 0.0f, 1.0f},
-               span, slices);
+    splatBand(context_,
+              SourceSample{pixelX, pixelY, sourceX, sourceY, background_.coc, background_.slice,
+                           1.0f - covered, colours_.data(), 0.0f, 1.0f},
+              rows, band);
   }
 }
 
@@ -195,13 +229,15 @@ void DeepSources::spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, 
 void deepRowEngine(const Frame& frame, int y, int x, int r, const ChannelSet& channels, Row& row, int side) {
   if (r <= x)
     return;
-  defocusRow(frame, y, x, r, channels, row,
-             [&](const SplatContext& context, const RowSpan& span, const SliceAccumulators& slices) {
-               // Without kernels (not opened since the last validation) nothing can be spread.
-               if (!frame.inputs.deep || !frame.inputs.source || frame.kernelRadius < 0 || frame.kernelBank.empty())
+  // Without kernels (not opened since the last validation) nothing can be spread.
+  const bool spreads = frame.inputs.deep && frame.inputs.source && frame.kernelRadius >= 0 && !frame.kernelBank.empty();
+  const bool tabled = spreads && deepTableServes(frame, x - frame.kernelRadius, r + frame.kernelRadius);
+  defocusRow(frame, y, x, r, channels, row, side, tabled,
+             [&](const SplatContext& context, const BandArea& area, const BandAccumulators& band) {
+               if (!spreads)
                  return true;
-               DeepSources sources(frame, context, channels, y, x, r, side);
-               return sources.spread(span, slices);
+               DeepSources sources(frame, context, channels, area, side);
+               return sources.spread(band);
              });
 }
 

@@ -1,23 +1,43 @@
 #pragma once
-// The skeleton both row engines share: the pass-through copy of input 0, one accumulator per
-// slice for the requested effect channels, the spreading of every source sample within reach,
-// the weights shared between channels and the merge. The engines differ only in how they make
-// their source samples.
+// The skeleton both row engines share: the pass-through copy of input 0, the band of rows the
+// requested row belongs to (served from the frame's band cache, or the row alone when the frame
+// has none or the row lies outside the box), one accumulator per row, slice and requested effect
+// channel, the spreading of every source sample within reach, and the merge. The engines differ
+// only in how they make their source samples.
+
+#include <algorithm>
+#include <cstddef>
 
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Iop.h"
 #include "DDImage/Row.h"
+#include "engines/BandCache.h"
 #include "engines/Frame.h"
 #include "engines/Slices.h"
 #include "engines/SplatContext.h"
 
 namespace vorel {
 
-// `spreadSources(context, span, slices)` splats every source sample of the row; false means the
-// render is aborted, and the row is left unfinished.
+// One strip of a band: `spreadSources(context, area, accumulators)` splats every source sample
+// within reach of the area; false means the render is aborted, and nothing is merged.
+template <class SpreadSources>
+bool defocusBand(const Frame& frame, const SplatContext& context, const BandArea& area,
+                 BandAccumulators& accumulators, const BandCache::StripOutput& out,
+                 const SpreadSources& spreadSources) {
+  accumulators.reset(area.y0, area.y1, area.left, area.right, accumulatorSlices(frame.params.correctiveSlices),
+                     context.channelList.size());
+  if (!spreadSources(context, area, static_cast<const BandAccumulators&>(accumulators)))
+    return false;
+  mergeBand(accumulators, context.sharedWeightChannel != DD::Image::Chan_Black, out);
+  return true;
+}
+
+// Row y over [x, r). `side` tells the passes of one engine apart in the band cache;
+// `narrowStrips` says whether the sources can tell which pixels reach a strip of columns (without,
+// a strip would read and work out every pixel of the request, and a band is one strip).
 template <class SpreadSources>
 void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::ChannelSet& channels,
-                DD::Image::Row& out, const SpreadSources& spreadSources) {
+                DD::Image::Row& out, int side, bool narrowStrips, const SpreadSources& spreadSources) {
   const NodeParameters& p = frame.params;
   // Channels outside the effect are finished here; the merge overwrites the others.
   if (DD::Image::Iop* input = frame.inputs.source) {
@@ -29,17 +49,30 @@ void defocusRow(const Frame& frame, int y, int x, int r, const DD::Image::Channe
   // Only requested channels are ever spread or merged: the others need no accumulators.
   DD::Image::ChannelSet spread = channels;
   spread &= p.vorelChannels;
-  if (spread.empty())
+  if (spread.empty() || r <= x)
     return;
-  SliceAccumulators slices(p.correctiveSlices, x, r, spread);
   const SplatContext context(frame, channels);
-  if (!spreadSources(context, RowSpan{x, y, r}, slices))
+  auto compute = [&](const BandArea& area, BandAccumulators& accumulators, const BandCache::StripOutput& o) {
+    return defocusBand(frame, context, area, accumulators, o, spreadSources);
+  };
+
+  const DD::Image::Box& box = frame.box;
+  if (frame.bands && y >= box.y() && y < box.t()) {
+    frame.bands->serveRow(y, box.y(), box.t(), BandKey{0, x, r, side, channels}, narrowStrips, context.channelList,
+                          compute, out);
     return;
-  shareWeights(context, slices, x, r);
-  mergeSlices(slices, out, x, r, channels, p.vorelChannels);
+  }
+  BandAccumulators accumulators;
+  compute(BandArea{y, y + 1, x, r, x, r}, accumulators,
+          [&](int, std::size_t k) { return out.writable(context.channelList[k]); });
 }
 
 // How many rows apart a source row and the output row are.
 inline int rowDistance(int sourceY, int y) { return sourceY > y ? sourceY - y : y - sourceY; }
+
+// How many rows a source row is from the nearest row of [y0, y1).
+inline int bandDistance(int sourceY, int y0, int y1) {
+  return sourceY < y0 ? y0 - sourceY : sourceY >= y1 ? sourceY - (y1 - 1) : 0;
+}
 
 }  // namespace vorel

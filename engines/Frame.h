@@ -4,6 +4,7 @@
 // copies that and adds the kernels and the per-frame tables. Once built it never changes, so any
 // number of rows can read it at once without a lock, and nothing below the node sees the node.
 
+#include <memory>
 #include <vector>
 
 #include "DDImage/Box.h"
@@ -15,9 +16,11 @@
 #include "lens/KernelBank.h"
 #include "lens/NodeParameters.h"
 
-namespace DD { namespace Image { class DeepOp; class Iop; } }
+namespace DD { namespace Image { class DeepOp; class Iop; class Op; } }
 
 namespace vorel {
+
+class BandCache;
 
 // Which mattes of the Mattes input are in use, and the channels to fetch for them.
 struct MattePlan {
@@ -32,6 +35,8 @@ struct FrameInputs {
   DD::Image::Iop* source = nullptr;     // input 0, or the host's default op
   DD::Image::Iop* mattes = nullptr;     // input 4
   DD::Image::DeepOp* deep = nullptr;    // input 3 as a deep op (the graph's op holds no render data)
+  // The op the rows are made for: once its render is aborted, a band under way stops.
+  const DD::Image::Op* owner = nullptr;
 };
 
 // What validation decides: the frame without its kernels.
@@ -77,6 +82,12 @@ struct Frame : FrameSetup {
     double tables = 0.0;  // the flat or deep source table
     bool bankReused = false;  // nothing of the kernels was resampled for this frame
   } openTimes;
+  // Rows computed a band at a time for the rows asked of this frame: the one part of the frame
+  // that changes, internally locked. Without it every row is computed by itself.
+  std::shared_ptr<BandCache> bands;
 };
+
+// Whether the render the frame's rows are for was aborted.
+bool renderAborted(const Frame& frame);
 
 }  // namespace vorel

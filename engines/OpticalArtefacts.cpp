@@ -7,12 +7,12 @@
 
 namespace vorel {
 
-void MatteRow::fetch(const Frame& frame, int y) {
+void MatteRow::fetch(const Frame& frame, int y, int left, int right) {
   const MattePlan& plan = frame.mattes;
   if (plan.channels.empty())
     return;
   const NodeParameters& p = frame.params;
-  row_.get(*frame.inputs.mattes, y, left_, right_, plan.channels);
+  row_.get(*frame.inputs.mattes, y, left, right, plan.channels);
   bloom_ = plan.bloom ? row_[p.bloomMatteChannel] : nullptr;
   defocus_ = plan.defocus ? row_[p.defocusMatteChannel] : nullptr;
   chromatic_ = plan.chromatic ? row_[p.chromicAberrationMatteChannel] : nullptr;

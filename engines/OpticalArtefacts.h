@@ -22,7 +22,9 @@ struct MatteValues {
 class MatteRow {
 public:
   MatteRow(int left, int right) : left_(left), right_(right), row_(left, right) {}
-  void fetch(const Frame& frame, int y);
+  void fetch(const Frame& frame, int y) { fetch(frame, y, left_, right_); }
+  // Only columns [left, right) of it.
+  void fetch(const Frame& frame, int y, int left, int right);
   MatteValues at(int x) const {
     return {bloom_ ? bloom_[x] : 1.0f, defocus_ ? defocus_[x] : 1.0f, chromatic_ ? chromatic_[x] : 1.0f};
   }

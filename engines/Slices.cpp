@@ -30,47 +30,88 @@ SliceAccumulators::SliceAccumulators(int slices, int x, int r, const ChannelSet&
   }
 }
 
+void BandAccumulators::reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels) {
+  y0_ = y0;
+  y1_ = std::max(y0, y1);
+  left_ = left;
+  width_ = static_cast<std::size_t>(std::max(0, right - left));
+  constexpr std::size_t kLineFloats = 16;
+  stride_ = (width_ + kLineFloats - 1) / kLineFloats * kLineFloats;
+  if ((stride_ / kLineFloats) % 2 == 0)
+    stride_ += kLineFloats;
+  slices_ = slices;
+  channels_ = channels;
+  const std::size_t count = static_cast<std::size_t>(y1_ - y0_) * slices * channels * 2 * stride_;
+  // assign keeps the capacity: a band no larger than the last allocates nothing.
+  values_.assign(count, 0.0f);
+}
+
+void mergeSliceColumns(const float* const* colours, const float* const* sliceWeights, std::size_t sliceCount,
+                       float* o, float* coverage, int x, int r) {
+  if (r <= x)
+    return;
+  std::fill(o + x, o + r, 0.0f);
+  std::fill(coverage, coverage + (r - x), 0.0f);
+  // Near to far: each slice gets the share of the pixel that the nearer ones left free, and one
+  // with more weight than that is scaled down as a whole, colour and weight alike.
+  for (std::size_t s = 0; s < sliceCount; ++s) {
+    const float* colour = colours[s];
+    const float* weights = sliceWeights[s];
+    if (!colour || !weights)
+      continue;
+    for (int X = x; X < r; ++X) {
+      float& covered = coverage[X - x];
+      const float remaining = 1.0f - covered;
+      float weight = weights[X];
+      float scale = 1.0f;
+      if (weight > remaining) {
+        scale = remaining / weight;
+        weight = remaining;
+      }
+      o[X] += scale * colour[X];
+      covered += weight;
+    }
+  }
+  for (int X = x; X < r; ++X) {
+    const float covered = coverage[X - x];
+    if (covered > 0.0f)
+      o[X] = o[X] / covered;
+  }
+}
+
+void mergeBand(const BandAccumulators& band, bool sharedWeights,
+               const std::function<float*(int y, std::size_t k)>& out) {
+  const int x = band.left(), r = band.right();
+  if (r <= x)
+    return;
+  const std::size_t sliceCount = band.slices();
+  std::vector<float> coverage(static_cast<std::size_t>(r - x));
+  std::vector<const float*> colours(sliceCount), weights(sliceCount);
+  for (int y = band.y0(); y < band.y1(); ++y)
+    for (std::size_t k = 0; k < band.channels(); ++k) {
+      for (std::size_t s = 0; s < sliceCount; ++s) {
+        colours[s] = band.colour(y, s, k);
+        weights[s] = band.weight(y, s, sharedWeights ? 0 : k);
+      }
+      mergeSliceColumns(colours.data(), weights.data(), sliceCount, out(y, k), coverage.data(), x, r);
+    }
+}
+
 void mergeSlices(const SliceAccumulators& slices, Row& out, int x, int r, const ChannelSet& channels,
                  const ChannelSet& vorelChannels) {
   if (r <= x)
     return;
   const std::size_t sliceCount = slices.colourPlanes.size();
-  // How much of each output pixel the slices merged so far have covered; index X - x.
   std::vector<float> coverage(static_cast<std::size_t>(r - x));
-
+  std::vector<const float*> colours(sliceCount), weights(sliceCount);
   foreach (c, channels) {
     if (!vorelChannels.contains(c))
       continue;
-    float* o = out.writable(c);
-    std::fill(o + x, o + r, 0.0f);
-    std::fill(coverage.begin(), coverage.end(), 0.0f);
-
-    // Near to far: each slice gets the share of the pixel that the nearer ones left free, and one
-    // with more weight than that is scaled down as a whole, colour and weight alike.
     for (std::size_t s = 0; s < sliceCount; ++s) {
-      const float* colour = slices.colourPlanes[s][c];
-      const float* weights = slices.weightPlanes[s][c];
-      if (!colour || !weights)
-        continue;
-      for (int X = x; X < r; ++X) {
-        float& covered = coverage[static_cast<std::size_t>(X - x)];
-        const float remaining = 1.0f - covered;
-        float weight = weights[X];
-        float scale = 1.0f;
-        if (weight > remaining) {
-          scale = remaining / weight;
-          weight = remaining;
-        }
-        o[X] += scale * colour[X];
-        covered += weight;
-      }
+      colours[s] = slices.colourPlanes[s][c];
+      weights[s] = slices.weightPlanes[s][c];
     }
-
-    for (int X = x; X < r; ++X) {
-      const float covered = coverage[static_cast<std::size_t>(X - x)];
-      if (covered > 0.0f)
-        o[X] = o[X] / covered;
-    }
+    mergeSliceColumns(colours.data(), weights.data(), sliceCount, out.writable(c), coverage.data(), x, r);
   }
 }
 

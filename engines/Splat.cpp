@@ -11,6 +11,29 @@ namespace vorel {
 
 using namespace splatcore;
 
+namespace {
+
+// The one row of a row's accumulators, by channel number.
+struct SliceLines {
+  const ChannelPlanes* colours;
+  const ChannelPlanes* weights;
+  AccumulatorLines operator()(int, unsigned slice, std::size_t, Channel c) const {
+    return {colours[slice][c], weights[slice][c]};
+  }
+  std::ptrdiff_t rowStride() const { return 0; }
+};
+
+// A band's accumulators, by listed channel.
+struct BandLines {
+  const BandAccumulators& band;
+  AccumulatorLines operator()(int y, unsigned slice, std::size_t k, Channel) const {
+    return {band.colour(y, slice, k), band.weight(y, slice, k)};
+  }
+  std::ptrdiff_t rowStride() const { return band.rowStride(); }
+};
+
+}  // namespace
+
 int chromaticShift(const NodeParameters& p, int position, Channel c, float spread) {
   return shiftedPosition(p, position, c, spread);
 }
@@ -64,8 +87,19 @@ void splatPixel(const SplatContext& context, const SourceSample& sample, const R
                 const SliceAccumulators& slices) {
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
-  splat(context.params, context.bank, context.bankSize, context.format, sample, row,
-        slices.colourPlanes.data(), slices.weightPlanes.data(), walk, context.sharedWeightChannel);
+  const SliceLines lines{slices.colourPlanes.data(), slices.weightPlanes.data()};
+  splat(context.params, context.bank, context.bankSize, context.format, sample,
+        BandSpan{row.left, row.right, row.y, row.y}, lines, walk, context.sharedWeightChannel);
+}
+
+VOREL_WIDE_VECTORS
+void splatBand(const SplatContext& context, const SourceSample& sample, const BandSpan& span,
+               const BandAccumulators& band) {
+  const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
+                          context.kernelPlanes.data()};
+  const BandLines lines{band};
+  splat(context.params, context.bank, context.bankSize, context.format, sample, span, lines, walk,
+        context.sharedWeightChannel);
 }
 
 }  // namespace vorel

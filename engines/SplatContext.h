@@ -31,6 +31,11 @@ struct RowSpan {
   int left, y, right;
 };
 
+// The output rows a sample may add to, [lo, hi], over columns [left, right).
+struct BandSpan {
+  int left, right, lo, hi;
+};
+
 struct SplatContext {
   // `channels` is the row's request; only those also in the frame's vorelChannels are kept.
   SplatContext(const Frame& frame, const DD::Image::ChannelSet& channels);
@@ -58,5 +63,8 @@ void shareWeights(const SplatContext& context, const SliceAccumulators& slices, 
 // Spreads one source sample into the slice accumulators of one output row. Allocates nothing.
 void splatPixel(const SplatContext& context, const SourceSample& sample, const RowSpan& row,
                 const SliceAccumulators& slices);
+// The same into rows [span.lo, span.hi] of a band, the sample's values worked out once for all.
+void splatBand(const SplatContext& context, const SourceSample& sample, const BandSpan& span,
+               const BandAccumulators& band);
 
 }  // namespace vorel

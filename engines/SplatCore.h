@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include "DDImage/Box.h"
@@ -141,16 +142,28 @@ inline void accumulateColour(float* __restrict P, const float* __restrict K, flo
     P[j] += cw * K[j];
 }
 
-// Walk: walk(entry, body) calls body(channel, plane) for each channel to splat, in ascending
-// order, with that channel's plane of kernelBank[entry] (null when the entry has none). Always
-// inlined, so that the AVX2 clone of its caller runs the accumulation eight wide.
-template <class Walk>
+// The colour and weight lines one sample adds to, addressed by absolute column; null when there
+// are none.
+struct AccumulatorLines {
+  float* colour;
+  float* weight;
+};
+
+// Walk: walk(entry, body) calls body(k, channel, plane) for each channel to splat, in ascending
+// order, k counting them, with that channel's plane of kernelBank[entry] (null when the entry has
+// none). Lines: lines(y, slice, k, channel) gives the accumulators of output row y (null for all
+// rows or none), lines.rowStride() how far on those of the next row are. The sample
+// adds to rows [span.lo, span.hi] of columns [span.left, span.right): its lens, blend, bloom and
+// spread values are worked out once, then each kernel row that lands is added to its row. Each
+// output element gets the same additions in the same order as it would with one row at a time
+// (passes, then channels, for each sample). Always inlined, so that the AVX2 clone of its caller
+// runs the accumulation eight wide.
+template <class Walk, class Lines>
 __attribute__((always_inline)) inline void splat(
     const NodeParameters& p, const Kernel* bank, unsigned n, const DD::Image::Box& format,
-    const SourceSample& s, const RowSpan& row, const ChannelPlanes* sliceColourPlanes,
-    const ChannelPlanes* sliceWeightPlanes, const Walk& walk,
+    const SourceSample& s, const BandSpan& span, const Lines& lines, const Walk& walk,
     DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black) {
-  if (n == 0)
+  if (n == 0 || span.hi < span.lo)
     return;
   const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, s.pixelX, s.pixelY) : 0.0f;
   const float strength = radial * s.bloomMatte;
@@ -160,8 +173,6 @@ __attribute__((always_inline)) inline void splat(
   const bool shifted = p.kChrAbb != 0.0f;
   const bool bloomOnly = p.outputType == OutputLensBloom;
   const float threshold = p.bloomThreshold;
-  const ChannelPlanes& colourPlanes = sliceColourPlanes[s.slice];
-  const ChannelPlanes& weightPlanes = sliceWeightPlanes[s.slice];
 
   auto spreadValue = [&](DD::Image::Channel c) {
     float value = s.colours[c];
@@ -180,36 +191,61 @@ __attribute__((always_inline)) inline void splat(
 
     if (!shifted) {
       // Every channel has the same position, so the culling and clipping are worked out once;
-      // most sources that don't reach this row leave here, before the channel walk.
-      const KernelRowClip clip = clipKernelRow(s.x, s.y, h, width, row);
+      // most samples that don't reach these rows leave here, before the channel walk.
+      const int lo = std::max(span.lo, s.y - h);
+      const int hi = std::min(span.hi, s.y + h);
+      if (lo > hi)
+        continue;
+      const KernelRowClip clip = clipKernelRow(s.x, s.y, h, width, RowSpan{span.left, s.y, span.right});
       if (clip.count <= 0)
         continue;
-      walk(e, [&](DD::Image::Channel c, const float* K) {
-        float* P = colourPlanes[c];
-        float* Q = weightPlanes[c];
-        if (!K || !P || !Q)
+      walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) __attribute__((always_inline)) {
+        if (!K)
           return;
-        if (sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel)
-          accumulateColour(P + clip.start, K + clip.kernelOffset, spreadValue(c) * w, clip.count);
-        else
-          accumulate(P + clip.start, Q + clip.start, K + clip.kernelOffset, spreadValue(c) * w, w, clip.count);
+        const float cw = spreadValue(c) * w;
+        const bool colourOnly = sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel;
+        // Output row y takes kernel row s.y - y + h.
+        const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(s.y - lo) * width;
+        AccumulatorLines a = lines(lo, s.slice, k, c);
+        if (!a.colour || !a.weight)
+          return;
+        const std::ptrdiff_t stride = lines.rowStride();
+        float* P = a.colour + clip.start;
+        float* Q = a.weight + clip.start;
+        for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride) {
+          if (colourOnly)
+            accumulateColour(P, Krow, cw, clip.count);
+          else
+            accumulate(P, Q, Krow, cw, w, clip.count);
+        }
       });
       continue;
     }
 
-    walk(e, [&](DD::Image::Channel c, const float* K) {
+    walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) __attribute__((always_inline)) {
       // Truncation toward zero is not the same at every position: it is taken from the format's
       // corner, so that where the image stands doesn't change where a channel lands.
       const int sx = shiftedPosition(p, s.x - format.x(), c, spread) + format.x();
       const int sy = shiftedPosition(p, s.y - format.y(), c, spread) + format.y();
-      const KernelRowClip clip = clipKernelRow(sx, sy, h, width, row);
+      if (!K)
+        return;
+      const int lo = std::max(span.lo, sy - h);
+      const int hi = std::min(span.hi, sy + h);
+      if (lo > hi)
+        return;
+      const KernelRowClip clip = clipKernelRow(sx, sy, h, width, RowSpan{span.left, sy, span.right});
       if (clip.count <= 0)
         return;
-      float* P = colourPlanes[c];
-      float* Q = weightPlanes[c];
-      if (!K || !P || !Q)
+      const float cw = spreadValue(c) * w;
+      const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(sy - lo) * width;
+      AccumulatorLines a = lines(lo, s.slice, k, c);
+      if (!a.colour || !a.weight)
         return;
-      accumulate(P + clip.start, Q + clip.start, K + clip.kernelOffset, spreadValue(c) * w, w, clip.count);
+      const std::ptrdiff_t stride = lines.rowStride();
+      float* P = a.colour + clip.start;
+      float* Q = a.weight + clip.start;
+      for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride)
+        accumulate(P, Q, Krow, cw, w, clip.count);
     });
   }
 }
@@ -220,10 +256,10 @@ struct PreparedWalk {
   const DD::Image::Channel* channels;
   std::size_t count;
   const float* const* planes;  // planes[entry * count + k]
-  template <class Body> void operator()(unsigned entry, Body&& body) const {
+  template <class Body> __attribute__((always_inline)) void operator()(unsigned entry, Body&& body) const {
     const float* const* row = planes + static_cast<std::size_t>(entry) * count;
     for (std::size_t k = 0; k < count; ++k)
-      body(channels[k], row[k]);
+      body(k, channels[k], row[k]);
   }
 };
 

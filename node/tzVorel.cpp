@@ -9,6 +9,7 @@
 #include "DDImage/Knob.h"
 #include "DDImage/OutputContext.h"
 #include "DDImage/ddImageVersionNumbers.h"
+#include "engines/BandCache.h"
 #include "engines/DeepSamples.h"
 #include "engines/DeepSourceTable.h"
 #include "engines/FlatSourceTable.h"
@@ -187,6 +188,7 @@ Frame tzVorel::validatedFrame(bool for_real) {
   f.box = info().box();
   f.inputs.source = input(0);
   f.inputs.mattes = input(4);
+  f.inputs.owner = this;
   f.maxCoC = m;
   f.kernelRadius = kernelRadiusFor(m, false);
   return f;
@@ -332,6 +334,8 @@ void tzVorel::_open() {
       break;
   }
   f->kernelsReady = true;
+  // Rows are made a band at a time from here on; releaseKernels drops the bands with the kernels.
+  f->bands = std::make_shared<BandCache>();
   frame_ = std::move(f);
 }
 
