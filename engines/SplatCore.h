@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "DDImage/Box.h"
@@ -149,6 +150,29 @@ struct AccumulatorLines {
   float* weight;
 };
 
+// One channel's kernel rows into output rows [lo, hi]: row y takes kernel row centreY - y + h, and
+// the accumulators of the next row are lines.rowStride() on. A colour-only channel leaves the
+// weights to the channel that shares them.
+template <class Lines>
+__attribute__((always_inline)) inline void addKernelRows(const Lines& lines, int lo, int hi, unsigned slice,
+                                                         std::size_t k, DD::Image::Channel c, const float* K,
+                                                         const KernelRowClip& clip, int centreY, int width,
+                                                         float cw, float w, bool colourOnly) {
+  const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(centreY - lo) * width;
+  AccumulatorLines a = lines(lo, slice, k, c);
+  if (!a.colour || !a.weight)
+    return;
+  const std::ptrdiff_t stride = lines.rowStride();
+  float* P = a.colour + clip.start;
+  float* Q = a.weight + clip.start;
+  for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride) {
+    if (colourOnly)
+      accumulateColour(P, Krow, cw, clip.count);
+    else
+      accumulate(P, Q, Krow, cw, w, clip.count);
+  }
+}
+
 // Walk: walk(entry, body) calls body(k, channel, plane) for each channel to splat, in ascending
 // order, k counting them, with that channel's plane of kernelBank[entry] (null when the entry has
 // none). Lines: lines(y, slice, k, channel) gives the accumulators of output row y (null for all
@@ -202,22 +226,8 @@ __attribute__((always_inline)) inline void splat(
       walk(e, [&](std::size_t k, DD::Image::Channel c, const float* K) __attribute__((always_inline)) {
         if (!K)
           return;
-        const float cw = spreadValue(c) * w;
         const bool colourOnly = sharedWeightChannel != DD::Image::Chan_Black && c != sharedWeightChannel;
-        // Output row y takes kernel row s.y - y + h.
-        const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(s.y - lo) * width;
-        AccumulatorLines a = lines(lo, s.slice, k, c);
-        if (!a.colour || !a.weight)
-          return;
-        const std::ptrdiff_t stride = lines.rowStride();
-        float* P = a.colour + clip.start;
-        float* Q = a.weight + clip.start;
-        for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride) {
-          if (colourOnly)
-            accumulateColour(P, Krow, cw, clip.count);
-          else
-            accumulate(P, Q, Krow, cw, w, clip.count);
-        }
+        addKernelRows(lines, lo, hi, s.slice, k, c, K, clip, s.y, width, spreadValue(c) * w, w, colourOnly);
       });
       continue;
     }
@@ -236,16 +246,7 @@ __attribute__((always_inline)) inline void splat(
       const KernelRowClip clip = clipKernelRow(sx, sy, h, width, RowSpan{span.left, sy, span.right});
       if (clip.count <= 0)
         return;
-      const float cw = spreadValue(c) * w;
-      const float* Krow = K + clip.kernelOffset + static_cast<std::ptrdiff_t>(sy - lo) * width;
-      AccumulatorLines a = lines(lo, s.slice, k, c);
-      if (!a.colour || !a.weight)
-        return;
-      const std::ptrdiff_t stride = lines.rowStride();
-      float* P = a.colour + clip.start;
-      float* Q = a.weight + clip.start;
-      for (int y = lo; y <= hi; ++y, Krow -= width, P += stride, Q += stride)
-        accumulate(P, Q, Krow, cw, w, clip.count);
+      addKernelRows(lines, lo, hi, s.slice, k, c, K, clip, sy, width, spreadValue(c) * w, w, false);
     });
   }
 }

@@ -186,16 +186,6 @@ Frame banded(const Frame& frame, BandShape shape) {
   return f;
 }
 
-Image emptyImage(const Box& area, const ChannelSet& channels) {
-  Image image;
-  image.area = area;
-  image.channels = channels;
-  image.planes.resize(1024);
-  foreach (z, channels)
-    image.planes[z].assign(static_cast<std::size_t>(area.w()) * area.h(), 0.0f);
-  return image;
-}
-
 // Rows of the frame over the area's columns, asked in `order` (a row asked again keeps the last
 // answer) by `threads` threads taking requests in turn.
 Image rowsOf(const Frame& frame, const Box& area, const ChannelSet& channels, const std::vector<int>& order,

@@ -53,14 +53,19 @@ bool Image::operator==(const Image& other) const {
   return area == other.area && channels == other.channels && planes == other.planes;
 }
 
-Image render(tzVorel& node, const Box& area, const ChannelSet& channels, unsigned threads) {
-  host::prepare(node, area, channels);
+Image emptyImage(const Box& area, const ChannelSet& channels) {
   Image image;
   image.area = area;
   image.channels = channels;
   image.planes.resize(1024);
   foreach (z, channels)
     image.planes[z].assign(static_cast<std::size_t>(area.w()) * area.h(), 0.0f);
+  return image;
+}
+
+Image render(tzVorel& node, const Box& area, const ChannelSet& channels, unsigned threads) {
+  host::prepare(node, area, channels);
+  Image image = emptyImage(area, channels);
 
   host::renderRows(node, area, channels, threads, [&](int y, const Row& row) {
     foreach (z, channels) {

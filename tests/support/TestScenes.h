@@ -40,6 +40,8 @@ struct Image {
   bool operator==(const Image& other) const;
 };
 
+// Zeros over the area for the channels.
+Image emptyImage(const Box& area, const ChannelSet& channels);
 // Runs the host's protocol (validate for real, request, open) over `area`, then engine for every
 // row of it, on `threads` threads taking rows in turn.
 Image render(tzVorel& node, const Box& area, const ChannelSet& channels, unsigned threads = 1);
