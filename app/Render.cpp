@@ -610,10 +610,9 @@ RenderSummary summaryOf(const Iop& node, const Validated& v) {
   summary.outputType = typeKnob ? valueText(*typeKnob) : "";
   // The largest CoC is only looked for when the output is a defocus.
   const auto* vorelNode = dynamic_cast<const tzVorel*>(&node);
-  if (vorelNode &&
-      (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom))
-    summary.maxCoC = vorelNode->frame()->maxCoC;
   if (vorelNode) {
+    if (v.outputType == vorel::OutputDefocusedImage || v.outputType == vorel::OutputLensBloom)
+      summary.maxCoC = vorelNode->frame()->maxCoC;
     const vorel::Frame::OpenTimes& times = vorelNode->frame()->openTimes;
     summary.scanSeconds = times.scan;
     summary.bankSeconds = times.bank;

@@ -30,9 +30,6 @@ void listChannels(const ChannelSet& set, std::vector<Channel>& list) {
     list.push_back(c);
 }
 
-// Far more than any kernel reaches: how far a pixel may reach when there is no table to say.
-constexpr int kReachUnknown = 1 << 29;
-
 // Whether the frame's table holds the source columns [left, right) of a request.
 bool deepTableServes(const Frame& frame, int left, int right) {
   const DeepSourceTable& table = frame.deepSources;
@@ -54,10 +51,7 @@ private:
   bool fetchRow(int pixelY, int left, int right);
   void spreadPixel(int sourceX, int sourceY, int pixelX, int pixelY, const BandSpan& rows,
                    const BandAccumulators& band);
-  BandSpan rowsFrom(int sourceY, int reach) const {
-    const int rows = std::min(radius_, reach);
-    return {area_.left, area_.right, std::max(area_.y0, sourceY - rows), std::min(area_.y1 - 1, sourceY + rows)};
-  }
+  BandSpan rowsFrom(int sourceY, int reach) const { return bandRowsFrom(area_, radius_, sourceY, reach); }
 
   const Frame& frame_;
   const SplatContext& context_;
@@ -135,8 +129,7 @@ bool DeepSources::spread(const BandAccumulators& band) {
       reach = (allPieces ? table.reach : table.reachSided).data() + tableRow * tableWidth;
     }
     // Only the columns whose kernels can reach the strip are read.
-    const int left = static_cast<int>(std::max<long long>(left_, area_.left - rowReach));
-    const int right = static_cast<int>(std::min<long long>(right_, area_.right + rowReach));
+    const auto [left, right] = stripSourceColumns(area_, left_, right_, rowReach);
     if (left >= right)
       continue;
     // false means the render is aborted: nothing more is fetched, nothing merged.
@@ -147,7 +140,7 @@ bool DeepSources::spread(const BandAccumulators& band) {
       int pixelReach = kReachUnknown;
       if (reach) {
         pixelReach = reach[sourceX - table.left];
-        if (pixelReach < distance || sourceX + pixelReach < area_.left || sourceX - pixelReach >= area_.right)
+        if (!reachesStrip(area_, sourceX, pixelReach, distance))
           continue;
       }
       const int pixelX = clampInto(sourceX, window_.x(), window_.r());

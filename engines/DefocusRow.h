@@ -75,4 +75,30 @@ inline int bandDistance(int sourceY, int y0, int y1) {
   return sourceY < y0 ? y0 - sourceY : sourceY >= y1 ? sourceY - (y1 - 1) : 0;
 }
 
+// Far more than any kernel reaches: how far a pixel may reach when no frame table says.
+constexpr int kReachUnknown = 1 << 29;
+
+// The source columns of [first, last) whose kernels, reaching `reach` columns, can land in the
+// strip; empty when none can.
+struct SourceColumns {
+  int left, right;
+};
+inline SourceColumns stripSourceColumns(const BandArea& area, int first, int last, long long reach) {
+  return {static_cast<int>(std::max<long long>(first, area.left - reach)),
+          static_cast<int>(std::min<long long>(last, area.right + reach))};
+}
+
+// Whether a pixel at column x reaching `reach` reaches the band's nearest row, `distance` away,
+// and the strip's columns.
+inline bool reachesStrip(const BandArea& area, int x, int reach, int distance) {
+  return reach >= distance && x + reach >= area.left && x - reach < area.right;
+}
+
+// The band's rows a sample at row sourceY adds to: within `radius`, as a row by itself would
+// read it, and within its reach.
+inline BandSpan bandRowsFrom(const BandArea& area, int radius, int sourceY, int reach) {
+  const int rows = std::min(radius, reach);
+  return {area.left, area.right, std::max(area.y0, sourceY - rows), std::min(area.y1 - 1, sourceY + rows)};
+}
+
 }  // namespace vorel

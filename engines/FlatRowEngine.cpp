@@ -24,9 +24,6 @@ float readOr(const float* plane, int column, float fallback) {
   return plane ? plane[column] : fallback;
 }
 
-// Far more than any kernel reaches: how far a pixel may reach when there is no table to say.
-constexpr int kReachUnknown = 1 << 29;
-
 // The span of a request reads source columns [left, right): whether the frame's table holds them.
 bool flatTableServes(const Frame& frame, int left, int right) {
   const FlatSourceTable& table = frame.flatSources;
@@ -50,12 +47,7 @@ private:
   void spreadTabledRow(int sy, int fy, int distance, int left, int right, const BandAccumulators& band);
   void spreadComputedRow(int sy, int fy, int left, int right, const BandAccumulators& band);
   float depthAt(int fy, int cx);
-  // The band's rows a sample at row sy adds to: within the radius, as a row by itself would read
-  // it, and within its reach.
-  BandSpan rowsFrom(int sy, int reach) const {
-    const int rows = std::min(radius_, reach);
-    return {area_.left, area_.right, std::max(area_.y0, sy - rows), std::min(area_.y1 - 1, sy + rows)};
-  }
+  BandSpan rowsFrom(int sy, int reach) const { return bandRowsFrom(area_, radius_, sy, reach); }
 
   const Frame& frame_;
   const SplatContext& context_;
@@ -118,8 +110,7 @@ bool FlatSources::spread(const BandAccumulators& band) {
         continue;
     }
     // Only the columns whose kernels can reach the strip are read.
-    const int left = static_cast<int>(std::max<long long>(spanLeft_, area_.left - reach));
-    const int right = static_cast<int>(std::min<long long>(spanRight_, area_.right + reach));
+    const auto [left, right] = stripSourceColumns(area_, spanLeft_, spanRight_, reach);
     if (left >= right)
       continue;
     fetchRow(fy, left, right);
@@ -160,12 +151,11 @@ void FlatSources::spreadTabledRow(int sy, int fy, int distance, int left, int ri
   const float* const* planes = colourPlanes_.data();
   const Channel* channels = context_.channelList.data();
   float* colours = colours_;
-  const int stripLeft = area_.left, stripRight = area_.right;
   SourceSample sample{0, fy, 0, sy, 0.0f, 0, 1.0f, colours, 1.0f, 1.0f};
   for (int sx = left; sx < right; ++sx) {
     const int i = sx - left;
     const int pixelReach = reach[i];
-    if (pixelReach < distance || sx + pixelReach < stripLeft || sx - pixelReach >= stripRight)
+    if (!reachesStrip(area_, sx, pixelReach, distance))
       continue;
     const MatteValues matte = mattes_.at(sx);
     for (std::size_t k = 0; k < channelCount; ++k)
