@@ -25,10 +25,13 @@ bool defocusBand(const Frame& frame, const SplatContext& context, const BandArea
                  BandAccumulators& accumulators, const BandCache::StripOutput& out,
                  const SpreadSources& spreadSources) {
   accumulators.reset(area.y0, area.y1, area.left, area.right, accumulatorSlices(frame.params.correctiveSlices),
-                     context.channelList.size());
+                     context.channelList.size(), context.laneForm);
   if (!spreadSources(context, area, static_cast<const BandAccumulators&>(accumulators)))
     return false;
-  mergeBand(accumulators, context.sharedWeightChannel != DD::Image::Chan_Black, out);
+  if (LaneBand* lanes = accumulators.lanes())
+    lanes->merge(out);
+  else
+    mergeBand(accumulators, context.sharedWeightChannel != DD::Image::Chan_Black, out);
   return true;
 }
 

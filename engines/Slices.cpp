@@ -30,7 +30,13 @@ SliceAccumulators::SliceAccumulators(int slices, int x, int r, const ChannelSet&
   }
 }
 
-void BandAccumulators::reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels) {
+void BandAccumulators::reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels,
+                             bool lanes) {
+  lanesInUse_ = lanes;
+  if (lanes) {
+    lanes_.reset(y0, y1, left, right, slices, channels);
+    return;
+  }
   y0_ = y0;
   y1_ = std::max(y0, y1);
   left_ = left;

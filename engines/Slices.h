@@ -10,6 +10,7 @@
 
 #include "DDImage/ChannelSet.h"
 #include "DDImage/Row.h"
+#include "engines/LaneBand.h"
 
 namespace vorel {
 
@@ -33,7 +34,10 @@ inline std::size_t accumulatorSlices(int slices) { return static_cast<std::size_
 // and reused from band to band; reset zeroes what the next band uses.
 class BandAccumulators {
 public:
-  void reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels);
+  // With `lanes` the band is held in lane form (LaneBand.h) and the lines below are not used.
+  void reset(int y0, int y1, int left, int right, std::size_t slices, std::size_t channels, bool lanes = false);
+  const LaneBand* lanes() const { return lanesInUse_ ? &lanes_ : nullptr; }
+  LaneBand* lanes() { return lanesInUse_ ? &lanes_ : nullptr; }
   float* colour(int y, std::size_t slice, std::size_t k) const { return line(y, slice, k) - left_; }
   float* weight(int y, std::size_t slice, std::size_t k) const { return line(y, slice, k) + stride_ - left_; }
   // From a row's line to the same line of the next row.
@@ -53,6 +57,8 @@ private:
     return const_cast<float*>(values_.data()) + index * 2 * stride_;
   }
   std::vector<float> values_;
+  LaneBand lanes_;
+  bool lanesInUse_ = false;
   int y0_ = 0, y1_ = 0, left_ = 0;
   // stride_: floats from one line to the next, an odd number of cache lines, so that the lines
   // one sample adds to don't all fall into the same few cache sets.

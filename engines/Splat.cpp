@@ -1,7 +1,7 @@
 #include "engines/Splat.h"
 
 #include "engines/SplatContext.h"
-#include "engines/SplatCore.h"
+#include "engines/LaneSplat.h"
 #include "engines/Frame.h"
 
 using DD::Image::Channel;
@@ -68,6 +68,8 @@ SplatContext::SplatContext(const Frame& frame, const ChannelSet& channels)
     : SplatContext(frame.params, frame.kernelBank, frame.format, channels) {
   if (frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f && channelList.size() > 1)
     sharedWeightChannel = channelList.front();
+  laneForm = frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f && !channelList.empty() &&
+             channelList.size() < kLanes;
 }
 
 void shareWeights(const SplatContext& context, const SliceAccumulators& slices, int x, int r) {
@@ -95,6 +97,11 @@ void splatPixel(const SplatContext& context, const SourceSample& sample, const R
 VOREL_WIDE_VECTORS
 void splatBand(const SplatContext& context, const SourceSample& sample, const BandSpan& span,
                const BandAccumulators& band) {
+  if (const LaneBand* lanes = band.lanes()) {
+    splatLanes(context.params, context.bank, context.bankSize, context.format, sample, span, *lanes,
+               context.channelList.data(), context.channelList.size(), context.kernelPlanes.data());
+    return;
+  }
   const PreparedWalk walk{context.channelList.data(), context.channelList.size(),
                           context.kernelPlanes.data()};
   const BandLines lines{band};

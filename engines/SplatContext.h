@@ -55,6 +55,9 @@ struct SplatContext {
   // channels are the same sums: only this channel accumulates them, and shareWeights copies them
   // to the others before the merge. Chan_Black when each channel keeps its own.
   DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black;
+  // Every channel lands at the same place with the same kernel values, and they fit the lanes of
+  // a lane band (LaneBand.h) beside their one weight: bands are accumulated in lane form.
+  bool laneForm = false;
 };
 
 // Copies the shared channel's weights to the other channels of every slice over [x, r).

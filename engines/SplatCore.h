@@ -173,6 +173,30 @@ __attribute__((always_inline)) inline void addKernelRows(const Lines& lines, int
   }
 }
 
+// What a sample spreads in each channel: its colour, with bloom added (or alone) in red, green and
+// blue.
+class SpreadValues {
+public:
+  SpreadValues(const NodeParameters& p, const DD::Image::Box& format, const SourceSample& s)
+      : colours_(s.colours),
+        strength_((p.bloom > 0.0f ? bloomRadialFactor(p, format, s.pixelX, s.pixelY) : 0.0f) * s.bloomMatte),
+        threshold_(p.bloomThreshold),
+        bloomOnly_(p.outputType == OutputLensBloom) {}
+  float operator()(DD::Image::Channel c) const {
+    float value = colours_[c];
+    if (c >= DD::Image::Chan_Red && c <= DD::Image::Chan_Blue) {
+      const float b = std::max(0.0f, value - threshold_) * strength_;
+      value = bloomOnly_ ? b : value + b;
+    }
+    return value;
+  }
+
+private:
+  const float* colours_;
+  float strength_, threshold_;
+  bool bloomOnly_;
+};
+
 // Walk: walk(entry, body) calls body(k, channel, plane) for each channel to splat, in ascending
 // order, k counting them, with that channel's plane of kernelBank[entry] (null when the entry has
 // none). Lines: lines(y, slice, k, channel) gives the accumulators of output row y (null for all
@@ -189,23 +213,11 @@ __attribute__((always_inline)) inline void splat(
     DD::Image::Channel sharedWeightChannel = DD::Image::Chan_Black) {
   if (n == 0 || span.hi < span.lo)
     return;
-  const float radial = p.bloom > 0.0f ? bloomRadialFactor(p, format, s.pixelX, s.pixelY) : 0.0f;
-  const float strength = radial * s.bloomMatte;
+  const SpreadValues spreadValue(p, format, s);
   const KernelBlend blend = kernelBlend(bank, n, s.coc, s.weight);
 
   const float spread = std::max(s.coc * s.chromaticMatte * 0.5f - 1.0f, 0.0f);
   const bool shifted = p.kChrAbb != 0.0f;
-  const bool bloomOnly = p.outputType == OutputLensBloom;
-  const float threshold = p.bloomThreshold;
-
-  auto spreadValue = [&](DD::Image::Channel c) {
-    float value = s.colours[c];
-    if (c >= DD::Image::Chan_Red && c <= DD::Image::Chan_Blue) {
-      const float b = std::max(0.0f, value - threshold) * strength;
-      value = bloomOnly ? b : value + b;
-    }
-    return value;
-  };
 
   for (unsigned pass = 0; pass < blend.count; ++pass) {
     const unsigned e = blend.pass[pass].entry;

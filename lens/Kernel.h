@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "DDImage/ChannelSet.h"
+#include "lens/KernelRows.h"
 
 namespace vorel {
 
@@ -16,6 +17,10 @@ struct Kernel {
   int half = 0;            // (width - width % 2) / 2
   std::uint64_t count = 0; // width * height
   std::vector<std::vector<float>> planes;  // kChannelSlots slots once allocated; row 0 is the lowest row
+  // Of a bank entry, for the spreading: the shape of each row of its first plane, and the largest
+  // magnitude in it. Right for every channel only when all planes are alike.
+  std::vector<KernelRowShape> rowShapes;
+  float largest = 0.0f;
 
   // Keeps the slot table, resizes the planes of `channels` to count floats (new elements 0).
   void allocate(const DD::Image::ChannelSet& channels, int width, int height);

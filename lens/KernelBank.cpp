@@ -127,6 +127,13 @@ void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& mas
         value = value * scale;
     }
   }
+  describeKernelRows(entry, vorelChannels);
+}
+
+void describeKernelRows(Kernel& entry, const ChannelSet& vorelChannels, int shortestRun) {
+  const float* plane = entry.plane(vorelChannels.first());
+  entry.rowShapes = kernelRowShapes(plane, entry.width, entry.height, shortestRun);
+  entry.largest = largestMagnitude(plane, static_cast<int>(entry.count));
 }
 
 bool planesAlike(const std::vector<Kernel>& bank, const ChannelSet& channels) {

@@ -1,8 +1,9 @@
 // Rows served in bands from the frame tables built at open, with weights accumulated once for
-// channels that share a kernel, against the same node's straightforward rows, one at a time, which
-// recompute every source visit from the inputs and accumulate every channel's weights. The bound
-// is 1e-5 x max(1, |reference|) per value; the band path keeps the order of every addition, so it
-// is also checked to be the same float, bit for bit.
+// channels that share a kernel and kernel rows added through their runs, against the same node's
+// straightforward rows, one at a time, which recompute every source visit from the inputs and add
+// every kernel value to every channel's own lines. The bound is 1e-5 x max(1, |reference|) per
+// value. Where nothing is added through runs (a chromatic shift, kernel planes that differ) the
+// band path keeps the order of every addition, and is checked to be the same float, bit for bit.
 
 #include <gtest/gtest.h>
 
@@ -20,6 +21,7 @@
 
 #include "DDImage/Row.h"
 #include "engines/BandCache.h"
+#include "engines/SplatContext.h"
 #include "support/TestScenes.h"
 
 using namespace DD::Image;
@@ -264,11 +266,16 @@ Differences compare(const Image& got, const Image& ref) {
   return d;
 }
 
-void expectMatch(const Image& got, const Image& ref, const std::string& what) {
+void expectMatch(const Image& got, const Image& ref, const std::string& what, bool identical = false) {
   const Differences d = compare(got, ref);
   EXPECT_EQ(d.outsideBound, 0) << what << ": " << d.first;
-  EXPECT_EQ(d.notIdentical, 0) << what << ": " << d.first;
+  if (identical) {
+    EXPECT_EQ(d.notIdentical, 0) << what << ": " << d.first;
+  }
 }
+
+// Whether the frame's bands add kernel rows in the order the straightforward rows do.
+bool keepsEveryAddition(const Frame& frame) { return !frame.kernelPlanesAlike || frame.params.kChrAbb != 0.0f; }
 
 // Rows over `area` through the host on two threads (bands, frame tables, shared weights) against
 // the straightforward rows.
@@ -279,7 +286,7 @@ void expectSame(tzVorel& node, const Box& area, const ChannelSet& channels, cons
     EXPECT_TRUE(frame.flatSources.ready || frame.deepSources.ready) << what << ": no frame table to compare";
     EXPECT_TRUE(frame.bands) << what << ": rows not served in bands";
   }
-  expectMatch(production, reference(frame, area, channels), what);
+  expectMatch(production, reference(frame, area, channels), what, keepsEveryAddition(frame));
 }
 
 void checkAll(bool deep, const std::vector<std::pair<const char*, double>>& extra = {}) {
@@ -376,10 +383,10 @@ TEST(Equivalence, BandsServeAnyRowOrderSpanAndChannelSet) {
           const std::string what = std::string(deep ? "deep " : "flat ") + name + " type " + std::to_string(type) +
                                    " band " + std::to_string(shape.rows) + "x" + std::to_string(shape.stripColumns);
           expectMatch(rowsOf(banded(*frame, shape), box, rgbaz(), rowsShuffled(box, 2, 7)),
-                      reference(*frame, box, rgbaz()), what);
+                      reference(*frame, box, rgbaz()), what, keepsEveryAddition(*frame));
           for (const ChannelSet& channels : {greenAndDepth, redAndAlpha})
             expectMatch(rowsOf(banded(*frame, shape), part, channels, rowsShuffled(part, 2, 11)),
-                        reference(*frame, part, channels), what + " part");
+                        reference(*frame, part, channels), what + " part", keepsEveryAddition(*frame));
         }
       }
   }
@@ -401,6 +408,27 @@ TEST(Equivalence, TheComparisonCatchesABandThatDropsAKernelRow) {
   EXPECT_GT(d.outsideBound, 0);
 }
 
+// And bands in lane form whose kernel rows are added through runs that take in an edge value, or
+// without the values after their runs.
+TEST(Equivalence, TheComparisonCatchesARunTooLongOrAnEdgeLeftOut) {
+  const Scene scene = makeScene(false);
+  const auto frame = openedFrame(scene, variantNamed("artistic_wide"), OutputDefocusedImage);
+  ASSERT_TRUE(SplatContext(*frame, rgbaz()).laneForm);
+  const Box box = frame->box;
+  const Image straight = reference(*frame, box, rgbaz());
+  using Fault = void (*)(KernelRowShape&);
+  for (const Fault fault : {Fault([](KernelRowShape& r) { r.runStart = std::max(r.first, r.runStart - 1); }),
+                            Fault([](KernelRowShape& r) { r.last = r.runEnd > r.runStart ? r.runEnd : r.last; })}) {
+    Frame faulty = banded(*frame, BandShape{});
+    std::vector<Kernel> entries = faulty.kernelBank.entries();
+    for (Kernel& entry : entries)
+      for (KernelRowShape& row : entry.rowShapes)
+        fault(row);
+    faulty.kernelBank = SharedKernelBank(std::move(entries));
+    EXPECT_GT(compare(rowsOf(faulty, box, rgbaz(), rowsInOrder(box)), straight).outsideBound, 0);
+  }
+}
+
 // Many threads asking for rows of the same bands, each row several times, in any order: the
 // image of one thread asking for each row once.
 TEST(BandThreads, ManyThreadsOnTheSameBandsGiveTheOneThreadImage) {
@@ -411,13 +439,13 @@ TEST(BandThreads, ManyThreadsOnTheSameBandsGiveTheOneThreadImage) {
     const Image one = rowsOf(*frame, box, rgbaz(), rowsInOrder(box));
     for (const BandShape shape : {BandShape{8, 16}, BandShape{}}) {
       const Frame shared = banded(*frame, shape);
-      expectMatch(rowsOf(shared, box, rgbaz(), rowsShuffled(box, 3, 5), 8), one, deep ? "deep" : "flat");
+      expectMatch(rowsOf(shared, box, rgbaz(), rowsShuffled(box, 3, 5), 8), one, deep ? "deep" : "flat", true);
       // A row asked again after its band was served whole makes the band anew, and that one may
       // stay; but no more than a few are ever kept.
       EXPECT_LE(shared.bands->bandsHeld(), kBandsKept);
       // Bands served whole once are all let go.
       const Frame once = banded(*frame, shape);
-      expectMatch(rowsOf(once, box, rgbaz(), rowsShuffled(box, 1, 9), 8), one, deep ? "deep" : "flat");
+      expectMatch(rowsOf(once, box, rgbaz(), rowsShuffled(box, 1, 9), 8), one, deep ? "deep" : "flat", true);
       EXPECT_EQ(once.bands->bandsHeld(), 0u);
     }
   }

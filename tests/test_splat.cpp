@@ -15,6 +15,7 @@
 #include "DDImage/Row.h"
 #include "engines/OpticalArtefacts.h"
 #include "engines/Slices.h"
+#include "engines/LaneSplat.h"
 #include "engines/Splat.h"
 #include "engines/SplatContext.h"
 #include "lens/CircleOfConfusion.h"
@@ -315,4 +316,47 @@ TEST(Slices, NearSlicesTakeTheCoverageFirstInRequestedEffectChannelsOnly) {
   }
   Row empty(3, 3);
   mergeSlices(slices, empty, 3, 3, Mask_RGBA, Mask_RGBA);  // no columns, no crash
+}
+
+namespace {
+
+// One row of one slice of a lane band with a colour lane and the weight lane, merged.
+std::vector<float> mergedLaneRow(const std::function<void(const LaneBand&)>& add, int width) {
+  LaneBand band;
+  band.reset(0, 1, 0, width, 1, 1);
+  band.markUsed(0, 0);
+  add(band);
+  std::vector<float> out(static_cast<std::size_t>(width), -1.0f);
+  band.merge([&](int, std::size_t) { return out.data(); });
+  return out;
+}
+
+}  // namespace
+
+// A run's two ends cancel across the whole row: a large value that starts and stops must leave
+// no residue under the small one that outlasts it (float difference rows would keep only a tenth
+// of its last digits), and the merge leaves the band zeroed for the next one.
+TEST(LaneBand, RunsCancelWithoutDriftAndTheMergeLeavesTheBandClear) {
+  constexpr int kWidth = 3000;
+  LaneBand band;
+  auto runs = [](const LaneBand& b) {
+    splatcore::addLaneRun(b.differences(0, 0), LaneFloats{8192.0f, 1.0f}, 1.0f, 0, 1500);
+    splatcore::addLaneRun(b.differences(0, 0), LaneFloats{0.001f, 0.5f}, 1.0f, 1000, kWidth);
+    splatcore::addLaneValues(b.sums(0, 0), LaneFloats{3.0f, 0.25f}, std::vector<float>(kWidth, 1.0f).data(), 2990,
+                             kWidth);
+  };
+  const std::vector<float> out = mergedLaneRow(runs, kWidth);
+  EXPECT_EQ(out[2000], 0.001f / 0.5f);
+  EXPECT_EQ(out[2995], static_cast<float>(3.0 + static_cast<double>(0.001f)) / 0.75f);
+  EXPECT_EQ(out[500], 8192.0f);
+
+  band.reset(0, 1, 0, kWidth, 1, 1);
+  band.markUsed(0, 0);
+  runs(band);
+  std::vector<float> first(kWidth), second(kWidth, -1.0f);
+  band.merge([&](int, std::size_t) { return first.data(); });
+  band.reset(0, 1, 0, kWidth, 1, 1);
+  band.markUsed(0, 0);
+  band.merge([&](int, std::size_t) { return second.data(); });
+  EXPECT_EQ(second, std::vector<float>(kWidth, 0.0f));
 }
