@@ -76,40 +76,6 @@ std::string inputError(T& in) {
   return e.empty() ? oiioError("unknown error") : e;
 }
 
-// How many threads of `threads` have work with `n` jobs.
-unsigned workersFor(unsigned threads, std::size_t n) {
-  return unsigned(std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, threads), n)));
-}
-
-// Runs job(i, worker) for every i in [0, n) on `workers` threads, `worker` naming the thread (for
-// what each keeps of its own). The first exception a job throws is rethrown here, once every
-// thread has stopped; the jobs not started by then are not run.
-template <class Job>
-void onThreads(unsigned workers, std::size_t n, const Job& job) {
-  std::atomic<std::size_t> next{0};
-  std::mutex failed;
-  std::exception_ptr failure;
-  auto work = [&](unsigned worker) {
-    try {
-      for (std::size_t i = next++; i < n; i = next++)
-        job(i, worker);
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(failed);
-      if (!failure)
-        failure = std::current_exception();
-      next = n;
-    }
-  };
-  std::vector<std::thread> pool;
-  for (unsigned t = 1; t < workers; ++t)
-    pool.emplace_back(work, t);
-  work(0);
-  for (std::thread& t : pool)
-    t.join();
-  if (failure)
-    std::rethrow_exception(failure);
-}
-
 std::map<std::string, std::string>& chosenParts() {
   static std::map<std::string, std::string> parts;
   return parts;
@@ -287,18 +253,8 @@ FlatImage readFlatHeader(const std::string& path) {
   return image;
 }
 
-namespace {
-
-// Rows of a scanline EXR decoded together: a whole number of its chunks, so that no chunk is
-// decoded twice when bands go to different threads.
-int flatBandRows(const ImageSpec& spec) {
-  return spec.get_string_attribute("compression").substr(0, 4) == "dwab" ? 256 : 64;
-}
-
-}  // namespace
-
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    BadPixelCount* badCount, unsigned threads) {
+                    BadPixelCount* badCount) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (spec.deep)
@@ -316,60 +272,39 @@ void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
   std::vector<char> depth(static_cast<std::size_t>(nch));
   for (int c = 0; c < nch; ++c)
     depth[std::size_t(c)] = isDepthName(names[std::size_t(c)]);
-  auto scatter = [&](const float* src, int fileY0, int fileY1, BadPixelCount& bad) {
+  auto scatter = [&](const float* src, int fileY0, int fileY1) {
     for (int fy = fileY0; fy < fileY1; ++fy) {
       const std::size_t row = std::size_t(flipY(format, fy) - box.y) * w;
       const float* line = src + std::size_t(fy - fileY0) * w * nch;
       for (int c = 0; c < nch; ++c) {
         float* dst = planes[std::size_t(c)] + row;
         for (std::size_t i = 0; i < w; ++i)
-          dst[i] = readValue(line[i * nch + c], std::size_t(c), depth[std::size_t(c)], bad);
+          dst[i] = readValue(line[i * nch + c], std::size_t(c), depth[std::size_t(c)], count);
       }
     }
   };
-  const auto damaged = [&](OIIO::ImageInput& input) {
-    return UsageError("cannot read " + path + ": " + inputError(input) +
-                      " (the file is truncated or damaged)");
-  };
 
-  if (spec.tile_width) {
-    std::vector<float> buffer(w * std::size_t(spec.height) * nch);
-    if (!in->read_image(in->current_subimage(), 0, 0, nch, TypeDesc::FLOAT, buffer.data()))
-      throw damaged(*in);
-    scatter(buffer.data(), spec.y, spec.y + spec.height, count);
-    if (badCount)
-      *badCount = count;
-    return;
-  }
-  // Scanline files are read in bands, so that only the planes hold the whole image. An EXR's
-  // bands are read on several threads, each through an input of its own (an input decodes one
-  // call at a time); other formats decode from the top, so one input reads them all.
-  const int band = flatBandRows(spec);
-  const std::size_t bands = std::size_t((spec.height + band - 1) / band);
-  const unsigned readers =
-      std::strcmp(in->format_name(), "openexr") == 0 ? workersFor(threads, bands) : 1;
-  std::vector<std::unique_ptr<OIIO::ImageInput>> inputs(readers);
-  inputs[0] = std::move(in);
-  std::vector<std::vector<float>> buffers(readers);
-  // Counted per band, not per thread, so that which thread took which band does not matter.
-  std::vector<BadPixelCount> counts(bands, count);
-  onThreads(readers, bands, [&](std::size_t b, unsigned reader) {
-    if (!inputs[reader])
-      inputs[reader] = openInput(path);
-    OIIO::ImageInput& input = *inputs[reader];
-    std::vector<float>& buffer = buffers[reader];
-    buffer.resize(w * nch * std::size_t(band));
-    const int fy = spec.y + int(b) * band, end = std::min(fy + band, spec.y + spec.height);
-    if (!input.read_scanlines(input.current_subimage(), 0, fy, end, 0, 0, nch, TypeDesc::FLOAT,
-                              buffer.data()))
-      throw damaged(input);
-    scatter(buffer.data(), fy, end, counts[b]);
-  });
-  for (const BadPixelCount& c : counts)
-    for (std::size_t k = 0; k < count.nan.size(); ++k) {
-      count.nan[k] += c.nan[k];
-      count.inf[k] += c.inf[k];
+  bool ok = true;
+  if (spec.tile_width == 0) {
+    // Scanline files are read in bands, so that only the planes hold the whole image.
+    const int band = 64;
+    std::vector<float> buffer(w * nch * band);
+    for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
+      const int end = std::min(fy + band, spec.y + spec.height);
+      ok = in->read_scanlines(in->current_subimage(), 0, fy, end, 0, 0, nch, TypeDesc::FLOAT,
+                              buffer.data());
+      if (ok)
+        scatter(buffer.data(), fy, end);
     }
+  } else {
+    std::vector<float> buffer(w * std::size_t(spec.height) * nch);
+    ok = in->read_image(in->current_subimage(), 0, 0, nch, TypeDesc::FLOAT, buffer.data());
+    if (ok)
+      scatter(buffer.data(), spec.y, spec.y + spec.height);
+  }
+  if (!ok)
+    throw UsageError("cannot read " + path + ": " + inputError(*in) +
+                     " (the file is truncated or damaged)");
   if (badCount)
     *badCount = count;
 }
@@ -391,6 +326,40 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
 }
 
 namespace {
+
+// How many threads of `threads` have work with `n` jobs.
+unsigned workersFor(unsigned threads, std::size_t n) {
+  return unsigned(std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, threads), n)));
+}
+
+// Runs job(i, worker) for every i in [0, n) on `workers` threads, `worker` naming the thread (for
+// what each keeps of its own). The first exception a job throws is rethrown here, once every
+// thread has stopped; the jobs not started by then are not run.
+template <class Job>
+void onThreads(unsigned workers, std::size_t n, const Job& job) {
+  std::atomic<std::size_t> next{0};
+  std::mutex failed;
+  std::exception_ptr failure;
+  auto work = [&](unsigned worker) {
+    try {
+      for (std::size_t i = next++; i < n; i = next++)
+        job(i, worker);
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(failed);
+      if (!failure)
+        failure = std::current_exception();
+      next = n;
+    }
+  };
+  std::vector<std::thread> pool;
+  for (unsigned t = 1; t < workers; ++t)
+    pool.emplace_back(work, t);
+  work(0);
+  for (std::thread& t : pool)
+    t.join();
+  if (failure)
+    std::rethrow_exception(failure);
+}
 
 // File rows [y0, y1) of a deep file as decoded.
 struct DeepBand {

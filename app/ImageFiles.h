@@ -75,7 +75,7 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr
 // floats, bottom row first.
 FlatImage readFlatHeader(const std::string& path);
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    BadPixelCount* badCount = nullptr, unsigned threads = 1);
+                    BadPixelCount* badCount = nullptr);
 // Decoded on up to `threads` threads.
 DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount = nullptr,
                         unsigned threads = 1);

@@ -93,7 +93,7 @@ FlatSource hostImageFor(const FlatImage& header, const std::string& path,
 }
 
 // Reads a file straight into the host's image.
-FlatSource loadFlat(const std::string& path, const RenderReport& report, unsigned threads,
+FlatSource loadFlat(const std::string& path, const RenderReport& report,
                     const std::string& layer = "") {
   const std::string parts = partsNote(path);
   if (!parts.empty() && report.warning)
@@ -105,7 +105,7 @@ FlatSource loadFlat(const std::string& path, const RenderReport& report, unsigne
   for (const auto& n : source.names)
     planes.push_back(source.op->plane(n.first));
   BadPixelCount bad;
-  readFlatPixels(path, planes, &bad, threads);
+  readFlatPixels(path, planes, &bad);
   const std::string warning = badPixelWarning(path, bad);
   if (!warning.empty() && report.warning)
     report.warning(warning);
@@ -309,9 +309,9 @@ void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& re
   const std::string& input0Path = plan.input.empty() ? plan.deepPath : plan.input;
   applyInputOptions(o, input0Path);
   in.input0Name = plan.input;
-  const unsigned threads = threadsToUse(o.threads, nullptr);
   if (!plan.deepPath.empty()) {
     BadPixelCount bad;
+    const unsigned threads = threadsToUse(o.threads, nullptr);
     DeepImage d = readDeepImage(plan.deepPath, &bad, threads);
     const std::string badPixels = badPixelWarning(plan.deepPath, bad);
     if (!badPixels.empty())
@@ -327,11 +327,11 @@ void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& re
     in.deep = toHostDeep(std::move(d), plan.deepPath);
   }
   if (!plan.input.empty())
-    in.input0 = loadFlat(plan.input, report, threads, o.layer);
+    in.input0 = loadFlat(plan.input, report, o.layer);
   if (!o.kernel.empty())
-    in.kernel = loadFlat(o.kernel, report, threads);
+    in.kernel = loadFlat(o.kernel, report);
   if (!o.mattes.empty())
-    in.mattes = loadFlat(o.mattes, report, threads);
+    in.mattes = loadFlat(o.mattes, report);
   in.header = readExrHeader(input0Path, chosenPartIndex(input0Path));
 }
 
