@@ -352,8 +352,13 @@ void onThreads(unsigned workers, std::size_t n, const Job& job) {
     }
   };
   std::vector<std::thread> pool;
-  for (unsigned t = 1; t < workers; ++t)
-    pool.emplace_back(work, t);
+  for (unsigned t = 1; t < workers; ++t) {
+    try {
+      pool.emplace_back(work, t);
+    } catch (const std::system_error&) {
+      break;  // the threads there are take the jobs one by one, so they do them all
+    }
+  }
   work(0);
   for (std::thread& t : pool)
     t.join();
