@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
@@ -17,8 +18,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <numeric>
 #include <system_error>
+#include <thread>
 
 #include "DDImage/Host.h"
 #include "app/AppError.h"
@@ -322,111 +325,273 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
   return image;
 }
 
-DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount) {
+namespace {
+
+// How many threads of `threads` have work with `n` jobs.
+unsigned workersFor(unsigned threads, std::size_t n) {
+  return unsigned(std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, threads), n)));
+}
+
+// Runs job(i, worker) for every i in [0, n) on `workers` threads, `worker` naming the thread (for
+// what each keeps of its own). The first exception a job throws is rethrown here, once every
+// thread has stopped; the jobs not started by then are not run.
+template <class Job>
+void onThreads(unsigned workers, std::size_t n, const Job& job) {
+  std::atomic<std::size_t> next{0};
+  std::mutex failed;
+  std::exception_ptr failure;
+  auto work = [&](unsigned worker) {
+    try {
+      for (std::size_t i = next++; i < n; i = next++)
+        job(i, worker);
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(failed);
+      if (!failure)
+        failure = std::current_exception();
+      next = n;
+    }
+  };
+  std::vector<std::thread> pool;
+  for (unsigned t = 1; t < workers; ++t) {
+    try {
+      pool.emplace_back(work, t);
+    } catch (const std::system_error&) {
+      break;  // the threads there are take the jobs one by one, so they do them all
+    }
+  }
+  work(0);
+  for (std::thread& t : pool)
+    t.join();
+  if (failure)
+    std::rethrow_exception(failure);
+}
+
+// File rows [y0, y1) of a deep file as decoded.
+struct DeepBand {
+  int y0 = 0, y1 = 0;
+  OIIO::DeepData data;
+};
+
+// A whole number of chunks of a deep scanline file whatever its compression (1, 16 or 32 rows).
+constexpr int kDeepBandRows = 64;
+
+// The file's samples, a band of rows at a time. One input decodes one chunk at a time, so each
+// thread reads its bands through an input of its own. A tiled file is one band, read whole.
+std::vector<DeepBand> decodeDeepBands(const std::string& path, const ImageSpec& spec,
+                                      unsigned threads) {
+  const auto damaged = [&](OIIO::ImageInput& in) {
+    return UsageError("cannot read " + path + ": " + inputError(in) +
+                      " (the file is truncated or damaged)");
+  };
+  if (spec.tile_width) {
+    std::vector<DeepBand> whole(1);
+    whole[0].y0 = spec.y;
+    whole[0].y1 = spec.y + spec.height;
+    auto in = openInput(path);
+    if (!in->read_native_deep_image(in->current_subimage(), 0, whole[0].data))
+      throw damaged(*in);
+    return whole;
+  }
+  std::vector<DeepBand> bands(std::size_t((spec.height + kDeepBandRows - 1) / kDeepBandRows));
+  for (std::size_t b = 0; b < bands.size(); ++b) {
+    bands[b].y0 = spec.y + int(b) * kDeepBandRows;
+    bands[b].y1 = std::min(bands[b].y0 + kDeepBandRows, spec.y + spec.height);
+  }
+  const unsigned readers = workersFor(threads, bands.size());
+  std::vector<std::unique_ptr<OIIO::ImageInput>> inputs(readers);
+  onThreads(readers, bands.size(), [&](std::size_t b, unsigned reader) {
+    if (!inputs[reader])
+      inputs[reader] = openInput(path);
+    OIIO::ImageInput& in = *inputs[reader];
+    if (!in.read_native_deep_scanlines(in.current_subimage(), 0, bands[b].y0, bands[b].y1, 0, 0,
+                                       spec.nchannels, bands[b].data))
+      throw damaged(in);
+  });
+  return bands;
+}
+
+// Each host pixel's first sample, from the bands' counts: host rows run bottom up, file rows top
+// down.
+void countDeepSamples(const std::vector<DeepBand>& bands, DeepImage& image) {
+  const int w = image.box.w();
+  image.offsets.assign(std::size_t(w) * std::size_t(image.box.h()) + 1, 0);
+  for (const DeepBand& band : bands) {
+    const unsigned* counts = band.data.all_samples().data();
+    for (int fy = band.y0; fy < band.y1; ++fy) {
+      const std::size_t to = image.pixelIndex(image.box.x, flipY(image.format, fy)) + 1;
+      std::copy_n(counts + std::size_t(fy - band.y0) * std::size_t(w), w, &image.offsets[to]);
+    }
+  }
+  std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
+}
+
+// True when the band's samples lie one after another, every channel a float: as the file's rows
+// are laid out in the image, so a row is copied in one run.
+bool packedFloats(const OIIO::DeepData& data, std::size_t samples) {
+  for (const TypeDesc& t : data.all_channeltypes())
+    if (t != TypeDesc::FLOAT)
+      return false;
+  return data.samplesize() == std::size_t(data.channels()) * sizeof(float) &&
+         std::size_t(data.all_data().size()) == samples * data.samplesize();
+}
+
+// The band's samples in their place in the image, as badPixels() says.
+void placeDeepBand(const DeepBand& band, DeepImage& image, const std::vector<char>& depth,
+                   BadPixelCount& count) {
+  const OIIO::DeepData& dd = band.data;
+  const std::size_t nch = image.channels.size();
+  const int w = image.box.w();
+  std::size_t bandSamples = 0;
+  for (unsigned n : dd.all_samples())
+    bandSamples += n;
+  const bool packed = packedFloats(dd, bandSamples);
+  const auto* values = reinterpret_cast<const float*>(dd.all_data().data());
+  std::size_t read = 0;  // samples of the band before this row
+  for (int fy = band.y0; fy < band.y1; ++fy) {
+    const std::size_t first = image.pixelIndex(image.box.x, flipY(image.format, fy));
+    float* out = image.samples.data() + image.offsets[first] * nch;
+    const std::size_t rowSamples = image.offsets[first + std::size_t(w)] - image.offsets[first];
+    if (packed) {
+      const float* in = values + read * nch;
+      for (std::size_t i = 0; i < rowSamples * nch; i += nch)
+        for (std::size_t c = 0; c < nch; ++c)
+          out[i + c] = readValue(in[i + c], c, depth[c], count);
+    } else {
+      const std::int64_t from = std::int64_t(fy - band.y0) * w;
+      for (int x = 0; x < w; ++x)
+        for (int s = 0, n = dd.samples(from + x); s < n; ++s, out += nch)
+          for (std::size_t c = 0; c < nch; ++c)
+            out[c] = readValue(dd.deep_value(from + x, int(c), s), c, depth[c], count);
+    }
+    read += rowSamples;
+  }
+}
+
+}  // namespace
+
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount, unsigned threads) {
   auto in = openInput(path);
   const ImageSpec spec = in->spec();
   if (!spec.deep)
     throw UsageError(path + " is not a deep image");
+  in.reset();
 
   DeepImage image;
   image.format = displayWindow(spec);
   image.box = dataWindow(spec, image.format);
   image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
+  image.channels.resize(std::size_t(spec.nchannels));
   if (image.channelIndex("Z") < 0)
     throw UsageError("deep image " + path + " has no Z channel");
-
   checkImageFits(path, spec.width, spec.height, 2);
-  OIIO::DeepData dd;
-  if (!in->read_native_deep_image(in->current_subimage(), 0, dd))
-    throw UsageError("cannot read " + path + ": " + inputError(*in) +
-                     " (the file is truncated or damaged)");
 
-  const int nch = spec.nchannels;
-  const int w = spec.width, h = spec.height;
-  image.offsets.assign(std::size_t(w) * h + 1, 0);
-  // Host pixel order differs from the file's by the row flip.
-  for (int y = image.box.y; y < image.box.t; ++y) {
-    const int fileRow = flipY(image.format, y) - spec.y;
-    for (int x = 0; x < w; ++x) {
-      const std::int64_t p = std::int64_t(fileRow) * w + x;
-      image.offsets[image.pixelIndex(image.box.x + x, y) + 1] = std::size_t(dd.samples(p));
-    }
-  }
-  std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
+  std::vector<DeepBand> bands = decodeDeepBands(path, spec, threads);
+  countDeepSamples(bands, image);
+  const std::size_t nch = image.channels.size();
   DD::Image::host::zeroedPlane(image.samples, image.offsets.back() * nch);
 
   BadPixelCount count;
   count.resize(image.channels);
-  std::vector<char> depth(static_cast<std::size_t>(nch));
-  for (int c = 0; c < nch; ++c)
-    depth[std::size_t(c)] = isDepthName(image.channels[std::size_t(c)]);
-  for (int y = image.box.y; y < image.box.t; ++y) {
-    const int fileRow = flipY(image.format, y) - spec.y;
-    for (int x = 0; x < w; ++x) {
-      const std::int64_t p = std::int64_t(fileRow) * w + x;
-      const std::size_t first = image.offsets[image.pixelIndex(image.box.x + x, y)];
-      const int n = dd.samples(p);
-      for (int s = 0; s < n; ++s)
-        for (int c = 0; c < nch; ++c)
-          image.samples[(first + s) * nch + c] =
-              readValue(dd.deep_value(p, c, s), std::size_t(c), depth[std::size_t(c)], count);
+  std::vector<char> depth(nch);
+  for (std::size_t c = 0; c < nch; ++c)
+    depth[c] = isDepthName(image.channels[c]);
+  // Counted per band, not per thread, so that which thread took which band does not matter.
+  std::vector<BadPixelCount> counts(bands.size(), count);
+  onThreads(workersFor(threads, bands.size()), bands.size(), [&](std::size_t b, unsigned) {
+    placeDeepBand(bands[b], image, depth, counts[b]);
+    bands[b].data.free();
+  });
+  for (const BadPixelCount& c : counts)
+    for (std::size_t k = 0; k < nch; ++k) {
+      count.nan[k] += c.nan[k];
+      count.inf[k] += c.inf[k];
     }
-  }
   if (badCount)
     *badCount = count;
   return image;
 }
 
-FlatImage flattenDeep(const DeepImage& deep) {
-  const int zc = deep.channelIndex("Z");
-  const int zbc = deep.channelIndex("ZBack");
-  const int ac = deep.channelIndex("A");
-  const std::size_t nch = deep.channels.size();
-
+FlatImage flattenedHeader(const DeepImage& deep) {
+  const int zc = deep.channelIndex("Z"), zbc = deep.channelIndex("ZBack");
   FlatImage flat;
   flat.format = deep.format;
   flat.box = deep.box;
-  std::vector<int> from;  // deep channel of each flat channel but the last
-  for (std::size_t c = 0; c < nch; ++c)
-    if (int(c) != zc && int(c) != zbc) {
+  for (std::size_t c = 0; c < deep.channels.size(); ++c)
+    if (int(c) != zc && int(c) != zbc)
       flat.channels.push_back(deep.channels[c]);
-      from.push_back(int(c));
-    }
   flat.channels.push_back("Z");
-  const std::size_t depthPlane = flat.channels.size() - 1;
-  flat.allocate();
+  return flat;
+}
 
-  std::vector<std::size_t> order;
-  for (int y = deep.box.y; y < deep.box.t; ++y) {
-    for (int x = deep.box.x; x < deep.box.r; ++x) {
-      const std::size_t i = std::size_t(x - deep.box.x);
-      const std::size_t n = deep.sampleCount(x, y);
-      if (n == 0) {
-        flat.row(int(depthPlane), y)[i] = FLT_MAX;
-        continue;
-      }
-      auto front = [&](std::size_t s) { return deep.sample(x, y, s)[zc]; };
-      auto back = [&](std::size_t s) {
-        return zbc >= 0 ? deep.sample(x, y, s)[zbc] : deep.sample(x, y, s)[zc];
-      };
-      order.resize(n);
-      std::iota(order.begin(), order.end(), std::size_t(0));
-      std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-        if (front(a) != front(b))
-          return front(a) < front(b);
-        return back(a) < back(b);
-      });
-      float coverage = 0.0f;  // alpha of what lies in front
-      for (std::size_t s : order) {
-        const float* v = deep.sample(x, y, s);
-        const float transparency = 1.0f - coverage;
-        for (std::size_t k = 0; k < from.size(); ++k)
-          flat.row(int(k), y)[i] += v[from[k]] * transparency;
-        coverage += (ac >= 0 ? v[ac] : 1.0f) * transparency;
-      }
-      flat.row(int(depthPlane), y)[i] = front(order.front());
+namespace {
+
+// One row of the flattened image: each pixel's samples nearest first, composited with "over".
+void flattenRow(const DeepImage& deep, int y, const std::vector<int>& from,
+                const std::vector<float*>& planes, std::vector<std::size_t>& order) {
+  const int zc = deep.channelIndex("Z"), zbc = deep.channelIndex("ZBack");
+  const int ac = deep.channelIndex("A");
+  const std::size_t row = std::size_t(y - deep.box.y) * std::size_t(deep.box.w());
+  float* depth = planes.back() + row;
+  for (int x = deep.box.x; x < deep.box.r; ++x) {
+    const std::size_t i = std::size_t(x - deep.box.x);
+    const std::size_t n = deep.sampleCount(x, y);
+    if (n == 0) {
+      depth[i] = FLT_MAX;
+      continue;
     }
+    auto front = [&](std::size_t s) { return deep.sample(x, y, s)[zc]; };
+    auto back = [&](std::size_t s) {
+      return zbc >= 0 ? deep.sample(x, y, s)[zbc] : deep.sample(x, y, s)[zc];
+    };
+    order.resize(n);
+    std::iota(order.begin(), order.end(), std::size_t(0));
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      if (front(a) != front(b))
+        return front(a) < front(b);
+      return back(a) < back(b);
+    });
+    float coverage = 0.0f;  // alpha of what lies in front
+    for (std::size_t s : order) {
+      const float* v = deep.sample(x, y, s);
+      const float transparency = 1.0f - coverage;
+      for (std::size_t k = 0; k < from.size(); ++k)
+        planes[k][row + i] += v[from[k]] * transparency;
+      coverage += (ac >= 0 ? v[ac] : 1.0f) * transparency;
+    }
+    depth[i] = front(order.front());
   }
+}
+
+}  // namespace
+
+void flattenDeep(const DeepImage& deep, const std::vector<float*>& planes, unsigned threads) {
+  const int zc = deep.channelIndex("Z"), zbc = deep.channelIndex("ZBack");
+  std::vector<int> from;  // deep channel of each flat channel but the last
+  for (std::size_t c = 0; c < deep.channels.size(); ++c)
+    if (int(c) != zc && int(c) != zbc)
+      from.push_back(int(c));
+  if (planes.size() != from.size() + 1)
+    throw RenderError("flattening a deep image: " + std::to_string(planes.size()) +
+                      " planes for " + std::to_string(from.size() + 1) + " channels");
+  const int rows = std::max(0, deep.box.h());
+  const int band = 16;
+  const std::size_t bands = std::size_t((rows + band - 1) / band);
+  const unsigned workers = workersFor(threads, bands);
+  std::vector<std::vector<std::size_t>> orders(workers);
+  onThreads(workers, bands, [&](std::size_t b, unsigned worker) {
+    const int y0 = deep.box.y + int(b) * band;
+    for (int y = y0; y < std::min(y0 + band, deep.box.t); ++y)
+      flattenRow(deep, y, from, planes, orders[worker]);
+  });
+}
+
+FlatImage flattenDeep(const DeepImage& deep) {
+  FlatImage flat = flattenedHeader(deep);
+  flat.allocate();
+  std::vector<float*> planes;
+  for (std::vector<float>& p : flat.planes)
+    planes.push_back(p.data());
+  flattenDeep(deep, planes, 1);
   return flat;
 }
 

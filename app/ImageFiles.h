@@ -76,7 +76,9 @@ FlatImage readFlatImage(const std::string& path, std::size_t* nanCount = nullptr
 FlatImage readFlatHeader(const std::string& path);
 void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
                     BadPixelCount* badCount = nullptr);
-DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount = nullptr);
+// Decoded on up to `threads` threads.
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount = nullptr,
+                        unsigned threads = 1);
 
 // A multi-part file (an EXR with several parts) is read from part 0 unless a part is chosen for
 // its path, by name or index; an unknown one is refused, listing the parts.
@@ -93,6 +95,11 @@ std::string partsNote(const std::string& path);
 // the non-depth channels under their own names, and "Z" the nearest sample's front depth.
 // Pixels with no sample are 0 with Z at the far limit, the largest finite float.
 FlatImage flattenDeep(const DeepImage& deep);
+// The same in two steps, for a caller that keeps pixels in planes of its own: the windows and
+// channel names (no planes), then the pixels on up to `threads` threads into one plane per
+// channel, each box.w() * box.h() floats, bottom row first and zero filled.
+FlatImage flattenedHeader(const DeepImage& deep);
+void flattenDeep(const DeepImage& deep, const std::vector<float*>& planes, unsigned threads);
 
 // What a file name asks for when written.
 enum class FileKind { Exr, Display, Unknown };

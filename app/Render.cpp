@@ -92,19 +92,6 @@ FlatSource hostImageFor(const FlatImage& header, const std::string& path,
   return source;
 }
 
-// Moves an image already in memory into the host's, one plane at a time, so that its pixels are
-// held only about once.
-FlatSource toHost(FlatImage&& image, const std::string& path) {
-  FlatSource source = hostImageFor(image, path);
-  for (std::size_t c = 0; c < image.channels.size(); ++c) {
-    float* plane = source.op->plane(source.names[c].first);
-    if (plane && !image.planes[c].empty())
-      std::memcpy(plane, image.planes[c].data(), image.planes[c].size() * sizeof(float));
-    std::vector<float>().swap(image.planes[c]);
-  }
-  return source;
-}
-
 // Reads a file straight into the host's image.
 FlatSource loadFlat(const std::string& path, const RenderReport& report,
                     const std::string& layer = "") {
@@ -125,7 +112,9 @@ FlatSource loadFlat(const std::string& path, const RenderReport& report,
   return source;
 }
 
-std::unique_ptr<host::DeepImage> toHostDeep(const DeepImage& deep, const std::string& path) {
+// The deep image as the host's; its samples are moved there, not copied, when the host keeps its
+// channels in the file's order.
+std::unique_ptr<host::DeepImage> toHostDeep(DeepImage&& deep, const std::string& path) {
   const int zc = deep.channelIndex("Z"), zbc = deep.channelIndex("ZBack");
   std::vector<Channel> channels(deep.channels.size(), Chan_Black);
   ChannelSet set;
@@ -155,21 +144,24 @@ std::unique_ptr<host::DeepImage> toHostDeep(const DeepImage& deep, const std::st
       backSlot = nslots;
     ++nslots;
   }
-  std::vector<float> values(nslots, 0.0f);
-  op->reserveSamples(deep.offsets.back());
-  for (int y = deep.box.y; y < deep.box.t; ++y)
-    for (int x = deep.box.x; x < deep.box.r; ++x) {
-      const std::size_t n = deep.sampleCount(x, y);
-      for (std::size_t s = 0; s < n; ++s) {
-        const float* v = deep.sample(x, y, s);
-        for (std::size_t c = 0; c < deep.channels.size(); ++c)
-          values[slot[c]] = v[c];
-        if (zbc < 0)
-          values[backSlot] = v[zc];
-        op->addSampleValues(x, y, values.data());
-      }
+  const std::size_t nch = deep.channels.size();
+  bool sameOrder = nslots == nch;
+  for (std::size_t c = 0; c < nch; ++c)
+    sameOrder = sameOrder && slot[c] == c;
+  if (!sameOrder) {
+    std::vector<float> samples;
+    host::zeroedPlane(samples, deep.offsets.back() * nslots);
+    for (std::size_t s = 0; s < deep.offsets.back(); ++s) {
+      const float* v = deep.samples.data() + s * nch;
+      float* to = samples.data() + s * nslots;
+      for (std::size_t c = 0; c < nch; ++c)
+        to[slot[c]] = v[c];
+      if (zbc < 0)
+        to[backSlot] = v[zc];
     }
-  op->finish();
+    deep.samples.swap(samples);
+  }
+  op->setSamples(std::move(deep.samples), std::move(deep.offsets));
   return op;
 }
 
@@ -319,15 +311,20 @@ void loadImages(const RenderOptions& o, const Plan& plan, const RenderReport& re
   in.input0Name = plan.input;
   if (!plan.deepPath.empty()) {
     BadPixelCount bad;
-    DeepImage d = readDeepImage(plan.deepPath, &bad);
+    const unsigned threads = threadsToUse(o.threads, nullptr);
+    DeepImage d = readDeepImage(plan.deepPath, &bad, threads);
     const std::string badPixels = badPixelWarning(plan.deepPath, bad);
     if (!badPixels.empty())
       warn(report, badPixels);
     if (plan.input.empty()) {
-      in.input0 = toHost(flattenDeep(d), plan.deepPath);
+      in.input0 = hostImageFor(flattenedHeader(d), plan.deepPath);
+      std::vector<float*> planes;
+      for (const auto& n : in.input0.names)
+        planes.push_back(in.input0.op->plane(n.first));
+      flattenDeep(d, planes, threads);
       in.input0Name = plan.deepPath + " (flattened)";
     }
-    in.deep = toHostDeep(d, plan.deepPath);
+    in.deep = toHostDeep(std::move(d), plan.deepPath);
   }
   if (!plan.input.empty())
     in.input0 = loadFlat(plan.input, report, o.layer);

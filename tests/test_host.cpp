@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -271,6 +272,56 @@ TEST(Deep, PlaneHoldsSortedSamplesNearestAtTheHighestIndex) {
   EXPECT_EQ(plane.getPixel(1, 1).getSampleCount(), 0u);  // outside the data window
   img.setEngineFails(true);
   EXPECT_FALSE(img.deepEngine(Box(1, 1, 5, 5), asked, plane));
+}
+
+// A file's samples handed over whole come out as a stable sort by front, then back, leaves them,
+// as samples added one by one do: pixels already in order, reversed, tied on front (then back,
+// then as they came), and one with a NaN depth, which the sort moves although no two neighbours
+// are out of order.
+TEST(Deep, SamplesSetWholeSortAsSamplesAddedOneByOne) {
+  const float nan = std::nanf("");
+  using S = std::vector<std::array<float, 3>>;  // front, back, red
+  const std::vector<S> pixels = {
+      {{1, 2, .1f}, {3, 4, .2f}},
+      {{5, 6, .3f}, {1, 2, .4f}},
+      {{2, 5, .5f}, {2, 3, .6f}, {2, 3, .7f}},
+      {{0, 0, .8f}, {2, 2, .9f}, {3, 3, 1}, {nan, 1, 1.1f}, {2, 2, 1.2f}},  // no pair out of order
+      {},
+      {{4, 4, .25f}}};
+  const Box box(1, 1, 4, 3);
+  host::DeepImage added(Format(8, 8), box, Mask_Red), whole(Format(8, 8), box, Mask_Red);
+  std::vector<float> packed;
+  std::vector<std::size_t> first = {0};
+  for (std::size_t p = 0; p < pixels.size(); ++p) {
+    const int x = box.x() + int(p) % box.w(), y = box.y() + int(p) / box.w();
+    for (const auto& s : pixels[p]) {
+      added.addSample(x, y, {{Chan_DeepFront, s[0]}, {Chan_DeepBack, s[1]}, {Chan_Red, s[2]}});
+      foreach (z, whole.channels())
+        packed.push_back(z == Chan_DeepFront ? s[0] : z == Chan_DeepBack ? s[1] : s[2]);
+    }
+    first.push_back(first.back() + pixels[p].size());
+  }
+  whole.setSamples(std::move(packed), std::move(first));
+  const ChannelSet asked = ChannelSet(Mask_Red) + Mask_Deep;
+  for (host::DeepImage* image : {&added, &whole}) {
+    image->validate(true);
+    DeepPlane plane;
+    ASSERT_TRUE(image->deepEngine(box, asked, plane));
+    for (std::size_t p = 0; p < pixels.size(); ++p) {
+      S want = pixels[p];
+      std::stable_sort(want.begin(), want.end(), [](const auto& a, const auto& b) {
+        return a[0] != b[0] ? a[0] < b[0] : a[1] < b[1];
+      });
+      const DeepPixel got = plane.getPixel(box.y() + int(p) / box.w(), box.x() + int(p) % box.w());
+      ASSERT_EQ(got.getSampleCount(), want.size());
+      for (std::size_t i = 0; i < want.size(); ++i) {
+        const float f = got.getUnorderedSample(i, Chan_DeepFront);
+        EXPECT_TRUE(f == want[i][0] || (f != f && want[i][0] != want[i][0])) << p << " " << i;
+        EXPECT_EQ(got.getUnorderedSample(i, Chan_DeepBack), want[i][1]) << p << " " << i;
+        EXPECT_EQ(got.getUnorderedSample(i, Chan_Red), want[i][2]) << p << " " << i;
+      }
+    }
+  }
 }
 
 TEST(Deep, OutPixelOrderingsAndCombineOverlappingSamples) {

@@ -2,6 +2,8 @@
 // knobs set by name, whole renders through the node, and every way a run can fail.
 #include <gtest/gtest.h>
 
+#include <OpenImageIO/deepdata.h>
+#include <OpenImageIO/half.h>
 #include <OpenImageIO/imageio.h>
 
 #include <fcntl.h>
@@ -201,6 +203,85 @@ TEST(ImageFiles, DeepRoundTripAndFlattening) {
   // A deep file is refused where a flat one is wanted, and the other way round.
   EXPECT_THROW(readFlatImage(path), UsageError);
   EXPECT_THROW(readDeepImage(saved(dir / "flat.exr", flat)), UsageError);
+}
+
+// A deep file is decoded a band of rows at a time on several threads, then put together in the
+// host's row order: every thread count must give what the file holds, whatever the bands hold
+// (bands of different sizes, empty pixels and empty rows and a whole empty band, bad values
+// counted in late bands), in any pixel type and for a tiled file too.
+TEST(ImageFiles, DeepFilesReadTheSameOnAnyNumberOfThreads) {
+  TempDir dir;
+  const int w = 7, h = 150;  // three bands of rows and a short one
+  auto count = [](int x, int fy) {
+    if (fy % 11 == 3 || (fy >= 64 && fy < 128))
+      return 0;
+    return (x * 3 + fy * 5) % (fy < 64 ? 2 : 5);
+  };
+  auto value = [](int x, int fy, int s, int c) {
+    if (x == 1 && fy == 140 && s == 0 && c == 0)
+      return std::nanf("");
+    if (x == 3 && fy == 130 && s == 1 && c == 1)
+      return INFINITY;
+    return c == 2 ? float(10 * s + x) + 0.5f : float(x + fy * w) * 0.25f + float(s + c);
+  };
+  struct Case {
+    const char* name;
+    OIIO::TypeDesc type;
+    int tile;
+  };
+  for (const Case& k : {Case{"float.exr", OIIO::TypeDesc::FLOAT, 0},
+                        Case{"half.exr", OIIO::TypeDesc::HALF, 0},
+                        Case{"tiled.exr", OIIO::TypeDesc::FLOAT, 32}}) {
+    SCOPED_TRACE(k.name);
+    OIIO::ImageSpec spec(w, h, 3, k.type);
+    spec.channelnames = {"R", "A", "Z"};
+    spec.channelformats.assign(3, k.type);
+    spec.deep = true;
+    spec.tile_width = spec.tile_height = k.tile;
+    spec.attribute("compression", "zips");
+    OIIO::DeepData dd;
+    dd.init(spec);
+    std::vector<unsigned> counts;
+    for (int fy = 0; fy < h; ++fy)
+      for (int x = 0; x < w; ++x)
+        counts.push_back(unsigned(count(x, fy)));
+    dd.set_all_samples(counts);
+    for (int fy = 0; fy < h; ++fy)
+      for (int x = 0; x < w; ++x)
+        for (int s = 0; s < count(x, fy); ++s)
+          for (int c = 0; c < 3; ++c)
+            dd.set_deep_value(std::int64_t(fy) * w + x, c, s, value(x, fy, s, c));
+    const std::string path = dir / k.name;
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out->open(path, spec) && out->write_deep_image(dd) && out->close())
+        << out->geterror();
+
+    for (unsigned threads : {1u, 2u, 5u}) {
+      SCOPED_TRACE(threads);
+      BadPixelCount bad;
+      const DeepImage image = readDeepImage(path, &bad, threads);
+      ASSERT_EQ(image.box, (Rect{0, 0, w, h}));
+      ASSERT_EQ(image.offsets.size(), std::size_t(w * h + 1));
+      EXPECT_EQ(bad.nan, (std::vector<std::size_t>{1, 0, 0}));
+      EXPECT_EQ(bad.inf, (std::vector<std::size_t>{0, 1, 0}));
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          const int fy = h - 1 - y;
+          ASSERT_EQ(image.sampleCount(x, y), std::size_t(count(x, fy))) << x << "," << y;
+          for (int s = 0; s < count(x, fy); ++s)
+            for (int c = 0; c < 3; ++c) {
+              const float want = k.type == OIIO::TypeDesc::HALF
+                                     ? float(half(value(x, fy, s, c)))
+                                     : value(x, fy, s, c);
+              const float got = image.sample(x, y, std::size_t(s))[c];
+              if (std::isnan(want))
+                EXPECT_TRUE(std::isnan(got));
+              else
+                EXPECT_EQ(got, want) << x << "," << y << " sample " << s << " channel " << c;
+            }
+        }
+    }
+  }
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <exception>
 #include <mutex>
 #include <numeric>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -350,6 +351,47 @@ std::size_t DeepImage::sampleCount(int x, int y) const {
   return n;
 }
 
+namespace {
+
+// Each pixel's samples in order of front, then back depth, ties kept as they came. A pixel that
+// is in order already (as a file's pixels usually are) is left as it is, which is what the
+// stable sort would make of it; not so with a NaN depth, which orders nothing, so such a pixel
+// is always sorted.
+void sortPixels(std::vector<float>& data, const std::vector<std::size_t>& first, std::size_t nch,
+                std::size_t fs, std::size_t bs) {
+  auto before = [&](const float* a, const float* b) {
+    if (a[fs] != b[fs])
+      return a[fs] < b[fs];
+    return a[bs] < b[bs];
+  };
+  std::vector<std::size_t> order;
+  std::vector<float> sorted;
+  for (std::size_t p = 0; p + 1 < first.size(); ++p) {
+    const std::size_t n = first[p + 1] - first[p];
+    if (n < 2)
+      continue;
+    float* base = data.data() + first[p] * nch;
+    bool inOrder = true;
+    for (std::size_t k = 0; inOrder && k < n; ++k) {
+      const float* v = base + k * nch;
+      inOrder = v[fs] == v[fs] && v[bs] == v[bs] && (k == 0 || !before(v, v - nch));
+    }
+    if (inOrder)
+      continue;
+    order.resize(n);
+    std::iota(order.begin(), order.end(), std::size_t(0));
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      return before(base + a * nch, base + b * nch);
+    });
+    sorted.resize(n * nch);
+    for (std::size_t k = 0; k < n; ++k)
+      std::copy_n(base + order[k] * nch, nch, sorted.data() + k * nch);
+    std::copy(sorted.begin(), sorted.end(), base);
+  }
+}
+
+}  // namespace
+
 void DeepImage::finish() {
   if (stagedPixel_.empty())
     return;
@@ -375,32 +417,28 @@ void DeepImage::finish() {
     std::copy_n(stagedData_.begin() + static_cast<std::ptrdiff_t>(k * nch), nch,
                 data.begin() + static_cast<std::ptrdiff_t>(fill[stagedPixel_[k]]++ * nch));
 
-  const std::size_t fs = static_cast<std::size_t>(frontSlot_), bs = static_cast<std::size_t>(backSlot_);
-  std::vector<std::size_t> order;
-  std::vector<float> sorted;
-  for (std::size_t p = 0; p < pixels; ++p) {
-    const std::size_t n = first[p + 1] - first[p];
-    if (n < 2)
-      continue;
-    float* base = data.data() + first[p] * nch;
-    order.resize(n);
-    std::iota(order.begin(), order.end(), std::size_t(0));
-    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-      const float fa = base[a * nch + fs], fb = base[b * nch + fs];
-      if (fa != fb)
-        return fa < fb;
-      return base[a * nch + bs] < base[b * nch + bs];
-    });
-    sorted.resize(n * nch);
-    for (std::size_t k = 0; k < n; ++k)
-      std::copy_n(base + order[k] * nch, nch, sorted.data() + k * nch);
-    std::copy(sorted.begin(), sorted.end(), base);
-  }
-
+  sortPixels(data, first, nch, static_cast<std::size_t>(frontSlot_),
+             static_cast<std::size_t>(backSlot_));
   data_.swap(data);
   firstSample_.swap(first);
   std::vector<std::size_t>().swap(stagedPixel_);
   std::vector<float>().swap(stagedData_);
+}
+
+void DeepImage::setSamples(std::vector<float>&& packed, std::vector<std::size_t>&& firstSample) {
+  const std::size_t pixels = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
+  const std::size_t nch = channelList_.size();
+  if (firstSample.size() != pixels + 1 || packed.size() != firstSample.back() * nch)
+    throw std::invalid_argument("DeepImage::setSamples: the samples do not match the box");
+  sortPixels(packed, firstSample, nch, static_cast<std::size_t>(frontSlot_),
+             static_cast<std::size_t>(backSlot_));
+  data_.swap(packed);
+  firstSample_.swap(firstSample);
+  std::vector<float>().swap(packed);
+  std::vector<std::size_t>().swap(firstSample);
+  std::vector<std::size_t>().swap(stagedPixel_);
+  std::vector<float>().swap(stagedData_);
+  invalidate();
 }
 
 bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& plane) {

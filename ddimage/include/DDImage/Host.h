@@ -166,6 +166,11 @@ public:
   void reserveSamples(std::size_t count);
   // Packs and sorts the samples added so far.
   void finish();
+  // Every sample at once, replacing any there were: `firstSample` holds each box pixel's first
+  // sample (rows bottom up) and then the total, `packed` the samples in that order, a float per
+  // channel of channels() each. Cheaper than adding samples one by one for a whole file, which
+  // would hold them twice; each pixel's samples are sorted as finish() sorts them.
+  void setSamples(std::vector<float>&& packed, std::vector<std::size_t>&& firstSample);
   ChannelSet channels() const { return channels_; }
   std::size_t sampleCount(int x, int y) const;
   // Makes deepEngine return false, as an aborted render does.
