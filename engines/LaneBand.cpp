@@ -16,17 +16,25 @@ void LaneBand::reset(int y0, int y1, int left, int right, std::size_t slices, st
   left_ = left;
   channels_ = channels;
   // Same shape as the last band: what the last merge read it left zeroed.
-  const bool clean = !dirty_ && width == width_ && slices == slices_ && used_.size() == cells;
-  dirty_ = true;
-  if (clean)
-    return;
   width_ = width;
   slices_ = slices;
-  sums_.assign(cells * width * kLanes, 0.0f);
-  differences_.assign(cells * (width + 1) * kLanes, 0.0);
-  used_.assign(cells, 0);
+  // Whatever the last band's shape, all it left is zeros: only new room needs zeroing, unless
+  // the last band was never merged.
+  const std::size_t sums = cells * width * kLanes, differences = cells * (width + 1) * kLanes;
+  if (dirty_) {
+    std::fill(sums_.begin(), sums_.end(), 0.0f);
+    std::fill(differences_.begin(), differences_.end(), 0.0);
+    std::fill(used_.begin(), used_.end(), 0);
+  }
+  if (sums_.size() < sums)
+    sums_.resize(sums, 0.0f);
+  if (differences_.size() < differences)
+    differences_.resize(differences, 0.0);
+  if (used_.size() < cells)
+    used_.resize(cells, 0);
   coverage_.resize(width);
   merged_.resize(width * kLanes);
+  dirty_ = true;
 }
 
 void LaneBand::merge(const std::function<float*(int y, std::size_t k)>& out) {
