@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "engines/Slices.h"
 #include "engines/SplatCore.h"
 
 namespace vorel {
@@ -69,21 +70,11 @@ void LaneBand::layOver(int y, std::size_t slice) {
     const auto totalHigh = __builtin_convertvector(vHigh + high, float __attribute__((vector_size(16))));
     const LaneFloats total = __builtin_shufflevector(totalLow, totalHigh, 0, 1, 2, 3, 4, 5, 6, 7);
 
-    // Near to far: each slice gets the share of the pixel that the nearer ones left free, and one
-    // with more weight than that is scaled down as a whole, colour and weight alike.
-    float& covered = coverage_[X];
-    const float remaining = 1.0f - covered;
-    float weight = total[channels_];
-    float scale = 1.0f;
-    if (weight > remaining) {
-      scale = remaining / weight;
-      weight = remaining;
-    }
+    const float scale = takeSliceShare(coverage_[X], total[channels_]);
     LaneFloats o;
     std::memcpy(&o, merged + X * kLanes, sizeof o);
     o += scale * total;
     std::memcpy(merged + X * kLanes, &o, sizeof o);
-    covered += weight;
   }
   std::memcpy(differences + width_ * kLanes, &zero, sizeof zero);
   std::memcpy(differences + width_ * kLanes + 4, &zero, sizeof zero);

@@ -58,25 +58,13 @@ void mergeSliceColumns(const float* const* colours, const float* const* sliceWei
     return;
   std::fill(o + x, o + r, 0.0f);
   std::fill(coverage, coverage + (r - x), 0.0f);
-  // Near to far: each slice gets the share of the pixel that the nearer ones left free, and one
-  // with more weight than that is scaled down as a whole, colour and weight alike.
   for (std::size_t s = 0; s < sliceCount; ++s) {
     const float* colour = colours[s];
     const float* weights = sliceWeights[s];
     if (!colour || !weights)
       continue;
-    for (int X = x; X < r; ++X) {
-      float& covered = coverage[X - x];
-      const float remaining = 1.0f - covered;
-      float weight = weights[X];
-      float scale = 1.0f;
-      if (weight > remaining) {
-        scale = remaining / weight;
-        weight = remaining;
-      }
-      o[X] += scale * colour[X];
-      covered += weight;
-    }
+    for (int X = x; X < r; ++X)
+      o[X] += takeSliceShare(coverage[X - x], weights[X]) * colour[X];
   }
   for (int X = x; X < r; ++X) {
     const float covered = coverage[X - x];

@@ -65,6 +65,20 @@ private:
   std::size_t width_ = 0, stride_ = 0, slices_ = 0, channels_ = 0;
 };
 
+// Near to far: a slice gets the share of the pixel that the nearer ones left free (1 - covered),
+// and one with more weight than that is scaled down as a whole, colour and weight alike. Returns
+// the factor for the slice's colour and adds the weight it keeps to `covered`.
+inline float takeSliceShare(float& covered, float weight) {
+  const float remaining = 1.0f - covered;
+  float scale = 1.0f;
+  if (weight > remaining) {
+    scale = remaining / weight;
+    weight = remaining;
+  }
+  covered += weight;
+  return scale;
+}
+
 // One channel of one output row, the slices laid near to far over columns [x, r): colours[s] and
 // weights[s] are addressed by absolute column (a null pair is skipped), `out` too; `coverage`
 // holds r - x floats.
