@@ -51,6 +51,8 @@ std::shared_ptr<BandCache::Band> BandCache::bandFor(const BandKey& key, int y0, 
   if (bands_.size() >= kBandsKept)
     bands_.erase(bands_.begin());
   auto band = std::make_shared<Band>();
+  int& highest = highestBand(key);
+  highest = std::max(highest, key.band);
   band->key = key;
   band->y0 = y0;
   band->y1 = y1;
@@ -77,38 +79,85 @@ std::unique_ptr<BandAccumulators> BandCache::takeAccumulators() {
   return accumulators;
 }
 
-// Takes strips until none is left, then waits for those other threads took. Called and left
-// with the lock held.
-void BandCache::workOn(Band& band, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock) {
-  while (!band.aborted && band.nextStrip < band.strips) {
-    const int strip = band.nextStrip++;
-    ++band.running;
-    std::unique_ptr<BandAccumulators> accumulators = takeAccumulators();
-    lock.unlock();
+int& BandCache::highestBand(const BandKey& key) {
+  BandKey request = key;
+  request.band = 0;
+  for (auto& [k, highest] : highest_)
+    if (k == request)
+      return highest;
+  // Requests of other spans or channel sets come and go; the marks of old ones can be let go.
+  if (highest_.size() >= 64)
+    highest_.clear();
+  highest_.emplace_back(request, -1);
+  return highest_.back().second;
+}
 
-    const int left = band.key.left + strip * band.stripColumns;
-    const BandArea area{band.y0, band.y1, left, std::min(band.key.right, left + band.stripColumns),
-                        band.key.left, band.key.right};
-    bool finished = false;
-    std::exception_ptr failure;
-    try {
-      finished = compute(area, *accumulators, [&](int y, std::size_t k) { return band.line(y, k) - band.key.left; });
-    } catch (...) {
-      failure = std::current_exception();
-    }
+// Runs one strip of the band if one is left: false when none is (or the band was aborted).
+// Called and left with the lock held.
+bool BandCache::runStrip(Band& band, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock) {
+  if (band.aborted || band.nextStrip >= band.strips)
+    return false;
+  const int strip = band.nextStrip++;
+  ++band.running;
+  std::unique_ptr<BandAccumulators> accumulators = takeAccumulators();
+  lock.unlock();
 
-    lock.lock();
-    spare_.push_back(std::move(accumulators));
-    --band.running;
-    ++band.done;
-    if (!finished) {
-      band.aborted = true;
-      if (failure && !band.failure)
-        band.failure = failure;
-    }
-    stripDone_.notify_all();
+  const int left = band.key.left + strip * band.stripColumns;
+  const BandArea area{band.y0, band.y1, left, std::min(band.key.right, left + band.stripColumns),
+                      band.key.left, band.key.right};
+  bool finished = false;
+  std::exception_ptr failure;
+  try {
+    finished = compute(area, *accumulators, [&](int y, std::size_t k) { return band.line(y, k) - band.key.left; });
+  } catch (...) {
+    failure = std::current_exception();
   }
-  stripDone_.wait(lock, [&] { return band.finished(); });
+
+  lock.lock();
+  spare_.push_back(std::move(accumulators));
+  --band.running;
+  ++band.done;
+  if (!finished) {
+    band.aborted = true;
+    if (failure && !band.failure)
+      band.failure = failure;
+    // A band that failed is not kept (one made ahead may have no row waiting to let it go): the
+    // next request for its rows tries again, and the rows waiting now hold it till they see why.
+    forget(band);
+  }
+  stripDone_.notify_all();
+  return true;
+}
+
+// The band after `band`, to work on while waiting: the one held, or a new one if that band was
+// never made and there is room for it. Null when there is none to help with.
+std::shared_ptr<BandCache::Band> BandCache::bandAhead(const Band& band, int boxT) {
+  if (band.y1 >= boxT || band.aborted)
+    return nullptr;
+  BandKey next = band.key;
+  next.band += 1;
+  for (const std::shared_ptr<Band>& b : bands_)
+    if (b->key == next)
+      return b;
+  // A guess must not push out a band that rows still wait for.
+  if (next.band <= highestBand(next) || bands_.size() >= kBandsKept)
+    return nullptr;
+  const int rows = std::max(1, shape_.rows);
+  return bandFor(next, band.y1, std::min(boxT, band.y1 + rows), band.channels, band.stripColumns);
+}
+
+// Takes the band's strips until none is left, then strips of the next band until the band's last
+// strip is done. Called and left with the lock held.
+void BandCache::workOn(Band& band, int boxT, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock) {
+  while (runStrip(band, compute, lock)) {
+  }
+  std::shared_ptr<Band> ahead;
+  while (!band.finished()) {
+    if (!ahead)
+      ahead = bandAhead(band, boxT);
+    if (!ahead || !runStrip(*ahead, compute, lock))
+      stripDone_.wait(lock);
+  }
 }
 
 bool BandCache::serveRow(int y, int boxY, int boxT, BandKey key, bool narrowStrips,
@@ -120,11 +169,9 @@ bool BandCache::serveRow(int y, int boxY, int boxT, BandKey key, bool narrowStri
   const int stripColumns = narrowStrips ? shape_.stripColumns : key.right - key.left;
   std::unique_lock<std::mutex> lock(mutex_);
   const std::shared_ptr<Band> band = bandFor(key, y0, y1, channels.size(), stripColumns);
-  workOn(*band, compute, lock);
+  workOn(*band, boxT, compute, lock);
 
   if (band->aborted) {
-    // A band that failed is not kept: the next request for its rows tries again.
-    forget(*band);
     if (band->failure)
       std::rethrow_exception(band->failure);
     return false;

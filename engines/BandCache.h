@@ -2,9 +2,10 @@
 // Defocused rows made a band at a time and handed out a row at a time. The host asks for rows one
 // by one, from any number of threads; a band's rows are computed together, so that each source
 // pixel within reach of the band is read and worked out once for all of them. Threads asking for
-// rows of the same band share its work by columns (strips) and wait for the strips they did not
-// take. A band's rows are dropped once every one of them was served; one asked again after that
-// makes its band again.
+// rows of the same band share its work by columns (strips); a thread with no strip left in its
+// band takes strips of the next band (most hosts ask for rows in order) rather than wait idle for
+// the strips other threads took. A band's rows are dropped once every one of them was served; one
+// asked again after that makes its band again.
 
 #include <condition_variable>
 #include <cstddef>
@@ -79,7 +80,10 @@ public:
 private:
   struct Band;
   std::shared_ptr<Band> bandFor(const BandKey& key, int y0, int y1, std::size_t channels, int stripColumns);
-  void workOn(Band& band, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock);
+  void workOn(Band& band, int boxT, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock);
+  bool runStrip(Band& band, const ComputeStrip& compute, std::unique_lock<std::mutex>& lock);
+  std::shared_ptr<Band> bandAhead(const Band& band, int boxT);
+  int& highestBand(const BandKey& key);
   void forget(const Band& band);
   std::unique_ptr<BandAccumulators> takeAccumulators();
 
@@ -87,6 +91,9 @@ private:
   mutable std::mutex mutex_;
   std::condition_variable stripDone_;
   std::vector<std::shared_ptr<Band>> bands_;  // oldest first
+  // For each request (key less its band index), the highest band index made so far: a band is
+  // made ahead of its rows only once, never again after it was served and let go.
+  std::vector<std::pair<BandKey, int>> highest_;
   std::vector<std::unique_ptr<BandAccumulators>> spare_;
 };
 
