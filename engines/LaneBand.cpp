@@ -16,7 +16,6 @@ void LaneBand::reset(int y0, int y1, int left, int right, std::size_t slices, st
   y1_ = y0 + rows;
   left_ = left;
   channels_ = channels;
-  // Same shape as the last band: what the last merge read it left zeroed.
   width_ = width;
   slices_ = slices;
   // Whatever the last band's shape, all it left is zeros: only new room needs zeroing, unless

@@ -47,8 +47,6 @@ float largestMagnitude(const float* plane, int count) {
   float largest = 0.0f;
   for (int i = 0; i < count && plane; ++i) {
     const float m = std::fabs(plane[i]);
-    if (std::isnan(m))
-      return m;
     if (m > largest)
       largest = m;
   }

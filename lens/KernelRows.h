@@ -24,7 +24,7 @@ constexpr int kShortestRun = 6;
 std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height,
                                             int shortestRun = kShortestRun);
 
-// The largest magnitude among the plane's values (NaN when it holds one).
+// The largest magnitude among the plane's values that are not NaN.
 float largestMagnitude(const float* plane, int count);
 
 }  // namespace vorel
