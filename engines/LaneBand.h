@@ -33,16 +33,11 @@ public:
   double* differences(int y, std::size_t slice) const {
     return cell(differences_, y, slice, width_ + 1) - leftLanes();
   }
-  void markUsed(int y, std::size_t slice) const { used_[index(y, slice)] = 1; }
-  // Row y's mark in slice s; the next row's is the next byte.
+  // Row y's mark in slice s, set to 1 by whatever adds to it; the next row's is the next byte.
   unsigned char* used(int y, std::size_t slice) const { return used_.data() + index(y, slice); }
   // From a row's floats (differences) to the next row's in the same slice.
   std::ptrdiff_t sumsRowStep() const { return static_cast<std::ptrdiff_t>(width_ * kLanes); }
   std::ptrdiff_t differencesRowStep() const { return static_cast<std::ptrdiff_t>((width_ + 1) * kLanes); }
-
-  int left() const { return left_; }
-  int right() const { return left_ + static_cast<int>(width_); }
-  std::size_t channels() const { return channels_; }
 
   // Lays the slices of every row over one another near to far, as mergeSliceColumns does for one
   // channel, into out(y, k) (addressed by absolute column), and zeroes what it read. A band that

@@ -324,7 +324,7 @@ namespace {
 std::vector<float> mergedLaneRow(const std::function<void(const LaneBand&)>& add, int width) {
   LaneBand band;
   band.reset(0, 1, 0, width, 1, 1);
-  band.markUsed(0, 0);
+  *band.used(0, 0) = 1;
   add(band);
   std::vector<float> out(static_cast<std::size_t>(width), -1.0f);
   band.merge([&](int, std::size_t) { return out.data(); });
@@ -351,12 +351,12 @@ TEST(LaneBand, RunsCancelWithoutDriftAndTheMergeLeavesTheBandClear) {
   EXPECT_EQ(out[500], 8192.0f);
 
   band.reset(0, 1, 0, kWidth, 1, 1);
-  band.markUsed(0, 0);
+  *band.used(0, 0) = 1;
   runs(band);
   std::vector<float> first(kWidth), second(kWidth, -1.0f);
   band.merge([&](int, std::size_t) { return first.data(); });
   band.reset(0, 1, 0, kWidth, 1, 1);
-  band.markUsed(0, 0);
+  *band.used(0, 0) = 1;
   band.merge([&](int, std::size_t) { return second.data(); });
   EXPECT_EQ(second, std::vector<float>(kWidth, 0.0f));
 }
