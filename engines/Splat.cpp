@@ -66,10 +66,11 @@ SplatContext::SplatContext(const NodeParameters& parameters, const std::vector<K
 
 SplatContext::SplatContext(const Frame& frame, const ChannelSet& channels)
     : SplatContext(frame.params, frame.kernelBank, frame.format, channels) {
-  if (frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f && channelList.size() > 1)
+  // Every channel lands at the same place with the same kernel values.
+  const bool alike = frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f;
+  if (alike && channelList.size() > 1)
     sharedWeightChannel = channelList.front();
-  laneForm = frame.kernelPlanesAlike && frame.params.kChrAbb == 0.0f && !channelList.empty() &&
-             channelList.size() < kLanes;
+  laneForm = alike && !channelList.empty() && channelList.size() < kLanes;
 }
 
 void shareWeights(const SplatContext& context, const SliceAccumulators& slices, int x, int r) {
