@@ -96,6 +96,17 @@ void resampleKernel(Kernel& destination, int size, Channel channel, const Kernel
   }
 }
 
+namespace {
+
+// The entry's row shapes and largest value, from the plane of the first of `vorelChannels`.
+void describeKernelRows(Kernel& entry, const ChannelSet& vorelChannels) {
+  const float* plane = entry.plane(vorelChannels.first());
+  entry.rowShapes = kernelRowShapes(plane, entry.width, entry.height);
+  entry.largest = largestMagnitude(plane, static_cast<int>(entry.count));
+}
+
+}  // namespace
+
 void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& master,
                          const ChannelSet& vorelChannels) {
   if (index < 0 || static_cast<std::size_t>(index) >= bank.size())
@@ -130,11 +141,7 @@ void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& mas
   describeKernelRows(entry, vorelChannels);
 }
 
-void describeKernelRows(Kernel& entry, const ChannelSet& vorelChannels, int shortestRun) {
-  const float* plane = entry.plane(vorelChannels.first());
-  entry.rowShapes = kernelRowShapes(plane, entry.width, entry.height, shortestRun);
-  entry.largest = largestMagnitude(plane, static_cast<int>(entry.count));
-}
+
 
 bool planesAlike(const std::vector<Kernel>& bank, const ChannelSet& channels) {
   const Channel first = channels.first();

@@ -22,11 +22,6 @@ void releaseKernelBank(std::vector<Kernel>& bank);
 void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& master,
                          const DD::Image::ChannelSet& vorelChannels);
 
-// The entry's row shapes and largest value, from the plane of the first of `vorelChannels`: again
-// after anything changes the planes.
-void describeKernelRows(Kernel& entry, const DD::Image::ChannelSet& vorelChannels,
-                        int shortestRun = kShortestRun);
-
 // One plane of `destination` (already allocated at size x size) resampled from `master`.
 void resampleKernel(Kernel& destination, int size, DD::Image::Channel channel, const Kernel& master);
 

@@ -6,7 +6,7 @@ namespace vorel {
 
 namespace {
 
-KernelRowShape rowShape(const float* row, int width, int shortestRun) {
+KernelRowShape rowShape(const float* row, int width) {
   KernelRowShape shape;
   int first = 0, last = width;
   while (first < width && row[first] == 0.0f)
@@ -20,7 +20,7 @@ KernelRowShape rowShape(const float* row, int width, int shortestRun) {
     // Bit patterns, not values: 0 and -0 are not one run, and a NaN is equal to nothing.
     while (end < last && row[end] == row[start] && std::signbit(row[end]) == std::signbit(row[start]))
       ++end;
-    if (end - start >= shortestRun && end - start > shape.runEnd - shape.runStart && !std::isnan(row[start])) {
+    if (end - start >= kShortestRun && end - start > shape.runEnd - shape.runStart && !std::isnan(row[start])) {
       shape.runStart = start;
       shape.runEnd = end;
       shape.value = row[start];
@@ -32,14 +32,13 @@ KernelRowShape rowShape(const float* row, int width, int shortestRun) {
 
 }  // namespace
 
-std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height, int shortestRun) {
+std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height) {
   std::vector<KernelRowShape> shapes;
   if (!plane || width <= 0 || height <= 0)
     return shapes;
   shapes.reserve(static_cast<std::size_t>(height));
   for (int y = 0; y < height; ++y)
-    shapes.push_back(rowShape(plane + static_cast<std::size_t>(y) * static_cast<std::size_t>(width), width,
-                              shortestRun < 1 ? 1 : shortestRun));
+    shapes.push_back(rowShape(plane + static_cast<std::size_t>(y) * static_cast<std::size_t>(width), width));
   return shapes;
 }
 

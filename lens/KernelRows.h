@@ -20,9 +20,8 @@ struct KernelRowShape {
 constexpr int kShortestRun = 6;
 
 // The shape of each of the `height` rows of `plane` (`width` floats a row), runs of at least
-// `shortestRun` values. A NaN is never part of a run.
-std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height,
-                                            int shortestRun = kShortestRun);
+// kShortestRun values. A NaN is never part of a run.
+std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height);
 
 // The largest magnitude among the plane's values that are not NaN.
 float largestMagnitude(const float* plane, int count);
