@@ -112,9 +112,9 @@ bool fillRow(const Frame& frame, DeepSourceTable& t, const ChannelSet& deepChann
 
 void DeepSourceTable::clear() {
   ready = false;
-  std::vector<std::int32_t>().swap(reach);
+  FilledLater<std::int32_t>().swap(reach);
   std::vector<std::int32_t>().swap(rowReach);
-  std::vector<std::int32_t>().swap(reachSided);
+  FilledLater<std::int32_t>().swap(reachSided);
   std::vector<std::int32_t>().swap(rowReachSided);
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "DDImage/Box.h"
+#include "lens/FilledLater.h"
 
 namespace vorel {
 
@@ -20,11 +21,11 @@ struct DeepSourceTable {
   // Rows from its own position an upper bound of what the walk over all pieces (side 0) spreads:
   // the pieces up to where it stops and the remainder if one is left, chromatic shift included;
   // -1 where nothing is spread or the row's fetch failed.
-  std::vector<std::int32_t> reach;
+  FilledLater<std::int32_t> reach;
   std::vector<std::int32_t> rowReach;
   // The same for a walk over one side's pieces, which may run further and leave a remainder:
   // every piece and the remainder.
-  std::vector<std::int32_t> reachSided;
+  FilledLater<std::int32_t> reachSided;
   std::vector<std::int32_t> rowReachSided;
 
   void clear();

@@ -88,9 +88,9 @@ std::int32_t sourceReach(const NodeParameters& p, const std::vector<Kernel>& ban
 
 void FlatSourceTable::clear() {
   ready = false;
-  std::vector<float>().swap(coc);
-  std::vector<std::uint32_t>().swap(slice);
-  std::vector<std::int32_t>().swap(reach);
+  FilledLater<float>().swap(coc);
+  FilledLater<std::uint32_t>().swap(slice);
+  FilledLater<std::int32_t>().swap(reach);
   std::vector<std::int32_t>().swap(rowReach);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "lens/FilledLater.h"
 #include "lens/Kernel.h"
 #include "lens/NodeParameters.h"
 
@@ -18,12 +19,12 @@ struct FlatSourceTable {
   bool ready = false;
   int left = 0, right = 0;   // source columns [left, right)
   int bottom = 0, top = 0;   // source rows [bottom, top], the range the engine clamps to
-  std::vector<float> coc;            // after the defocus matte and the floor of 1.0
-  std::vector<std::uint32_t> slice;
+  FilledLater<float> coc;            // after the defocus matte and the floor of 1.0
+  FilledLater<std::uint32_t> slice;
   // Rows from its own a pixel's kernel can reach, chromatic shift included; -1 when the focus
   // gate keeps it from being spread at all. An upper bound: a visit within it may still add
   // nothing, one beyond it adds nothing for sure.
-  std::vector<std::int32_t> reach;
+  FilledLater<std::int32_t> reach;
   std::vector<std::int32_t> rowReach;  // per row, the largest reach in it
 
   std::size_t index(int sx, int fy) const {
