@@ -16,6 +16,7 @@
 #include "DDImage/Host.h"
 #include "DDImage/Knobs.h"
 #include "DDImage/Row.h"
+#include "DDImage/Thread.h"
 
 // The host's object behind every op it builds. Plug-ins only ever hold the pointer.
 class Node {};
@@ -178,6 +179,36 @@ bool userEditChannel(Op& op, const char* knobName, Channel z) {
 
 // ---- FlatImage ----------------------------------------------------------------------------------
 
+namespace {
+
+// Fresh memory's first touch (the kernel clearing each page) is most of what a large plane costs
+// here, and it is the same work on any thread: it is shared among the host's threads before the
+// plane is cleared on this one, which then finds every page present.
+void prefault(void* begin, std::size_t bytes) {
+#ifdef MADV_POPULATE_WRITE
+  constexpr std::size_t kPiece = std::size_t(2) << 20;
+  const unsigned threads = unsigned(std::min<std::size_t>(std::max(1u, Thread::numCPUs), bytes / kPiece));
+  if (threads < 2)
+    return;
+  const auto from = reinterpret_cast<std::uintptr_t>(begin) & ~std::uintptr_t(4095);
+  const std::uintptr_t to = reinterpret_cast<std::uintptr_t>(begin) + bytes;
+  const std::uintptr_t step = ((to - from) / threads + 4095) & ~std::uintptr_t(4095);
+  std::vector<std::thread> workers;
+  for (unsigned t = 0; t < threads; ++t) {
+    const std::uintptr_t a = from + t * step, b = std::min(to, a + step);
+    if (a < b)
+      workers.emplace_back([a, b] { ::madvise(reinterpret_cast<void*>(a), b - a, MADV_POPULATE_WRITE); });
+  }
+  for (std::thread& w : workers)
+    w.join();
+#else
+  (void)begin;
+  (void)bytes;
+#endif
+}
+
+}  // namespace
+
 void zeroedPlane(std::vector<float>& plane, std::size_t size) {
   std::vector<float>().swap(plane);
   plane.reserve(size);
@@ -190,6 +221,7 @@ void zeroedPlane(std::vector<float>& plane, std::size_t size) {
   if (to > from)
     ::madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
 #endif
+  prefault(plane.data(), size * sizeof(float));
   plane.assign(size, 0.0f);
 }
 
