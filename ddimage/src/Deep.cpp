@@ -80,14 +80,24 @@ void DeepPlane::reset(const Box& box, const ChannelSet& channels) {
   firstSample_.push_back(0);
 }
 
-float* DeepPlane::addPixel(std::size_t samples) {
-  const std::size_t pixels = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
-  if (firstSample_.empty() || firstSample_.size() - 1 >= pixels)
+float* DeepPlane::addPixels(const std::size_t* first, std::size_t pixels) {
+  const std::size_t capacity = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
+  if (firstSample_.empty() || pixels > capacity - (firstSample_.size() - 1))
     return nullptr;
   const std::size_t offset = data_.size();
-  data_.resize(offset + samples * map_.size());
-  firstSample_.push_back(firstSample_.back() + samples);
+  const std::size_t base = firstSample_.back();
+  for (std::size_t i = 1; i <= pixels; ++i)
+    firstSample_.push_back(base + (first[i] - first[0]));
+  data_.resize(offset + (first[pixels] - first[0]) * map_.size());
   return data_.data() + offset;
+}
+
+void DeepPlane::addEmptyPixels(std::size_t pixels) {
+  const std::size_t capacity = static_cast<std::size_t>(box_.w()) * static_cast<std::size_t>(box_.h());
+  if (firstSample_.empty())
+    return;
+  pixels = std::min(pixels, capacity - (firstSample_.size() - 1));
+  firstSample_.insert(firstSample_.end(), pixels, firstSample_.back());
 }
 
 void DeepPlane::finish() {

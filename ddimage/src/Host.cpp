@@ -516,24 +516,33 @@ bool DeepImage::doDeepEngine(Box box, const ChannelSet& channels, DeepPlane& pla
   }
   plane.reserveSamples(total);
 
+  // Where the plane's channels are the image's own, in its order, a row's samples are one block
+  // of the image's storage.
+  bool sameLayout = nm == nch;
+  for (std::size_t k = 0; k < nm; ++k)
+    sameLayout = sameLayout && source[k] == static_cast<int>(k);
+  const std::size_t width = static_cast<std::size_t>(b.w());
   for (int y = b.y(); y < b.t(); ++y) {
-    for (int x = b.x(); x < b.r(); ++x) {
-      if (x < inside.x() || x >= inside.r() || y < inside.y() || y >= inside.t()) {
-        plane.addPixel(0);
-        continue;
-      }
-      const std::size_t p = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
-                            static_cast<std::size_t>(x - box_.x());
-      const std::size_t first = firstSample_[p], n = firstSample_[p + 1] - first;
-      float* out = plane.addPixel(n);
-      if (!out)
-        continue;
-      for (std::size_t s = 0; s < n; ++s) {
-        const float* in = data_.data() + (first + s) * nch;
-        for (std::size_t k = 0; k < nm; ++k)
-          out[s * nm + k] = source[k] >= 0 ? in[source[k]] : 0.0f;
-      }
+    if (y < inside.y() || y >= inside.t()) {
+      plane.addEmptyPixels(width);
+      continue;
     }
+    plane.addEmptyPixels(static_cast<std::size_t>(inside.x() - b.x()));
+    const std::size_t p = static_cast<std::size_t>(y - box_.y()) * static_cast<std::size_t>(box_.w()) +
+                          static_cast<std::size_t>(inside.x() - box_.x());
+    const std::size_t* first = firstSample_.data() + p;
+    const std::size_t pixels = static_cast<std::size_t>(inside.w());
+    if (float* out = plane.addPixels(first, pixels)) {
+      const std::size_t samples = first[pixels] - first[0];
+      const float* in = data_.data() + first[0] * nch;
+      if (sameLayout)
+        std::copy(in, in + samples * nch, out);
+      else
+        for (std::size_t s = 0; s < samples; ++s)
+          for (std::size_t k = 0; k < nm; ++k)
+            out[s * nm + k] = source[k] >= 0 ? in[s * nch + static_cast<std::size_t>(source[k])] : 0.0f;
+    }
+    plane.addEmptyPixels(static_cast<std::size_t>(b.r() - inside.r()));
   }
   plane.finish();
   return true;

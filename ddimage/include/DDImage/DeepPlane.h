@@ -48,9 +48,13 @@ public:
   // Keeps the storage for reuse.
   void reset(const Box& box, const ChannelSet& channels);
   void reserveSamples(std::size_t samples) { data_.reserve(samples * map_.size()); }
-  // Appends the next pixel with that many samples and returns its first float (samples in the
-  // map's order, stored sorted by front ascending). Null past the last pixel.
-  float* addPixel(std::size_t samples);
+  // Appends the next `pixels` pixels, pixel i with first[i + 1] - first[i] samples (offsets as a
+  // whole image keeps them), and returns the first float of their samples, one block in pixel
+  // order (samples in the map's order, sorted by front ascending). Null, adding nothing, when the
+  // pixels would run past the box.
+  float* addPixels(const std::size_t* first, std::size_t pixels);
+  // Appends the next `pixels` pixels with no samples (as far as the box goes).
+  void addEmptyPixels(std::size_t pixels);
   // Pixels not yet added get no samples.
   void finish();
 
