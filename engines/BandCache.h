@@ -22,8 +22,11 @@
 namespace vorel {
 
 // Rows in a band and output columns in a strip, as the node's bands have them: measured on the
-// benchmark frame (see docs/architecture.md).
+// benchmark frame (see docs/architecture.md). A deep band is taller: each source row it reads has
+// its pieces cut and prepared again for every band its kernels reach, and that costs more than
+// the taller band's accumulators.
 constexpr int kBandRows = 16;
+constexpr int kDeepBandRows = 48;
 constexpr int kStripColumns = 256;
 
 struct BandShape {

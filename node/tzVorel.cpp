@@ -335,7 +335,8 @@ void tzVorel::_open() {
   }
   f->kernelsReady = true;
   // Rows are made a band at a time from here on; releaseKernels drops the bands with the kernels.
-  f->bands = std::make_shared<BandCache>();
+  f->bands = std::make_shared<BandCache>(f->params.hasDeepInput ? BandShape{kDeepBandRows, kStripColumns}
+                                                                  : BandShape{});
   frame_ = std::move(f);
 }
 
