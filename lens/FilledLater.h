@@ -31,13 +31,13 @@ struct FilledLaterAllocator {
     const std::size_t bytes = n * sizeof(T);
     if (bytes < kHugePage)
       return static_cast<T*>(::operator new(bytes));
-    // Whole huge pages, so that the advice covers all of the table.
-    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    void* p = std::aligned_alloc(kHugePage, rounded);
-    if (!p)
+    // Aligned, so that the advice covers every whole huge page of the table; the part of one
+    // past them keeps small pages, and so no more memory than the table's own.
+    void* p = nullptr;
+    if (::posix_memalign(&p, kHugePage, bytes) != 0)
       throw std::bad_alloc();
 #ifdef MADV_HUGEPAGE
-    ::madvise(p, rounded, MADV_HUGEPAGE);
+    ::madvise(p, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
 #endif
     return static_cast<T*>(p);
   }
