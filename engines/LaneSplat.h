@@ -98,6 +98,20 @@ __attribute__((always_inline)) inline void splatLanes(const NodeParameters& p, c
     const std::ptrdiff_t firstRow = s.y - lo + h;
     const float* Krow = K + firstRow * width;
     const KernelRowShape* shapes = entry.rowShapes.data();
+    if (runs && j0 == 0 && j1 == width) {
+      // The whole width lands in the band, as it mostly does: each row's shape as it stands.
+      for (int y = lo; y <= hi; ++y, Krow -= width, sums += sumsStep, differences += differencesStep, ++used) {
+        const KernelRowShape row = shapes[firstRow - (y - lo)];
+        if (row.first >= row.last)
+          continue;
+        *used = 1;
+        addLaneValues(sums, cw, Krow, row.first, row.runStart);
+        if (row.runEnd > row.runStart)
+          addLaneRun(differences, cw, row.value, row.runStart, row.runEnd);
+        addLaneValues(sums, cw, Krow, row.runEnd, row.last);
+      }
+      continue;
+    }
     for (int y = lo; y <= hi; ++y, Krow -= width, sums += sumsStep, differences += differencesStep, ++used) {
       if (!runs) {
         *used = 1;
