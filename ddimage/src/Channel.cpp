@@ -162,21 +162,6 @@ bool ChannelSet::empty() const {
   return true;
 }
 
-Channel ChannelSet::first() const { return next(Chan_Black); }
-
-Channel ChannelSet::next(Channel z) const {
-  unsigned u = static_cast<unsigned>(z) + 1;
-  if (static_cast<int>(z) < 0)
-    u = 1;
-  while (u < kChannels) {
-    const std::uint64_t w = bits_[u >> 6] >> (u & 63);
-    if (w)
-      return static_cast<Channel>(u + static_cast<unsigned>(__builtin_ctzll(w)));
-    u = (u | 63) + 1;
-  }
-  return Chan_Black;
-}
-
 Channel ChannelSet::last() const {
   for (unsigned i = kWords; i-- > 0;)
     if (bits_[i])
@@ -194,9 +179,13 @@ bool ChannelSet::operator==(const ChannelSet& s) const {
 // ---- ChannelMap -----------------------------------------------------------------------------
 
 ChannelMap::ChannelMap(const ChannelSet& channels) : set_(channels) {
+  direct_.fill(-1);
   list_.reserve(channels.size());
-  foreach (z, channels)
+  foreach (z, channels) {
+    if (static_cast<unsigned>(z) < kDirect)
+      direct_[static_cast<unsigned>(z)] = static_cast<signed char>(list_.size());
     list_.push_back(z);
+  }
 }
 
 }  // namespace Image

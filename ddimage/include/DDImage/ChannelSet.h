@@ -63,9 +63,19 @@ public:
   unsigned size() const;
   bool empty() const;
   // The lowest member, or Chan_Black for an empty set.
-  Channel first() const;
-  // The lowest member above z, or Chan_Black when there is none.
-  Channel next(Channel z) const;
+  Channel first() const { return next(Chan_Black); }
+  // The lowest member above z, or Chan_Black when there is none. Inline: every foreach calls it
+  // once a channel, in pixel loops too.
+  Channel next(Channel z) const {
+    unsigned u = static_cast<int>(z) < 0 ? 1u : static_cast<unsigned>(z) + 1;
+    while (u < kChannels) {
+      const std::uint64_t w = bits_[u >> 6] >> (u & 63);
+      if (w)
+        return static_cast<Channel>(u + static_cast<unsigned>(__builtin_ctzll(w)));
+      u = (u | 63) + 1;
+    }
+    return Chan_Black;
+  }
   // The highest member, or Chan_Black.
   Channel last() const;
 
