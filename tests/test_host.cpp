@@ -66,6 +66,18 @@ TEST(Channels, RegistryNumbersAndAscendingSets) {
   EXPECT_EQ(walk(t), (std::vector<int>{4, 5}));
   EXPECT_TRUE(s.contains(t) && !t.contains(s));
   EXPECT_EQ(ChannelSet(Mask_All).size(), 1023u);
+
+  // A map numbers its channels ascending: low channels and high ones, either side of a set's
+  // 64-channel words, and none for a channel it lacks or for an empty map.
+  ChannelSet m(Chan_DeepBack);
+  for (int z : {1023, 64, 63, 2})
+    m += static_cast<Channel>(z);
+  const ChannelMap map(m);
+  const std::pair<int, int> slots[] = {{2, 0}, {17, 1}, {63, 2}, {64, 3}, {1023, 4}, {1, -1}, {65, -1}, {0, -1}};
+  for (const auto& [z, slot] : slots)
+    EXPECT_EQ(map.chanNo(static_cast<Channel>(z)), slot) << z;
+  EXPECT_EQ(ChannelMap().chanNo(Chan_Red), -1);
+  EXPECT_EQ(ChannelMap(ChannelSet(Mask_Red)).chanNo(Chan_Green), -1);
 }
 
 // ---- rows ---------------------------------------------------------------------------------------
