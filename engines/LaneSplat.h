@@ -47,6 +47,17 @@ inline void addLaneRun(double* differences, LaneFloats cw, float value, int a, i
   addLaneDifference(differences + static_cast<std::ptrdiff_t>(b) * static_cast<std::ptrdiff_t>(kLanes), -low, -high);
 }
 
+// One kernel row through its run: columns [a, runStart) and [runEnd, b) value by value, the run
+// [runStart, runEnd) at its two ends (a <= runStart <= runEnd <= b).
+__attribute__((always_inline)) inline void addLaneRow(float* sums, double* differences, LaneFloats cw,
+                                                      const float* Krow, float runValue, int a, int runStart,
+                                                      int runEnd, int b) {
+  addLaneValues(sums, cw, Krow, a, runStart);
+  if (runEnd > runStart)
+    addLaneRun(differences, cw, runValue, runStart, runEnd);
+  addLaneValues(sums, cw, Krow, runEnd, b);
+}
+
 // The sample into rows [span.lo, span.hi] over columns [span.left, span.right) of a lane band:
 // the same products as splat with shared weights, each channel's colour in its lane and the weight
 // after them. `planes` gives each bank entry's plane (all channels alike). A sample whose values
@@ -105,10 +116,7 @@ __attribute__((always_inline)) inline void splatLanes(const NodeParameters& p, c
         if (row.first >= row.last)
           continue;
         *used = 1;
-        addLaneValues(sums, cw, Krow, row.first, row.runStart);
-        if (row.runEnd > row.runStart)
-          addLaneRun(differences, cw, row.value, row.runStart, row.runEnd);
-        addLaneValues(sums, cw, Krow, row.runEnd, row.last);
+        addLaneRow(sums, differences, cw, Krow, row.value, row.first, row.runStart, row.runEnd, row.last);
       }
       continue;
     }
@@ -125,10 +133,7 @@ __attribute__((always_inline)) inline void splatLanes(const NodeParameters& p, c
       *used = 1;
       const int runStart = std::min(std::max(row.runStart, a), b);
       const int runEnd = std::min(std::max(row.runEnd, runStart), b);
-      addLaneValues(sums, cw, Krow, a, runStart);
-      if (runEnd > runStart)
-        addLaneRun(differences, cw, row.value, runStart, runEnd);
-      addLaneValues(sums, cw, Krow, runEnd, b);
+      addLaneRow(sums, differences, cw, Krow, row.value, a, runStart, runEnd, b);
     }
   }
 }
