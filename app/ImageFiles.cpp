@@ -1,13 +1,5 @@
 #include "app/ImageFiles.h"
 
-#include <OpenImageIO/deepdata.h>
-#include <OpenImageIO/filesystem.h>
-#include <OpenImageIO/imagebuf.h>
-#include <OpenImageIO/imagebufalgo.h>
-#include <OpenImageIO/imageio.h>
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -25,55 +17,23 @@
 
 #include "DDImage/Host.h"
 #include "app/AppError.h"
+#include "app/ExrFiles.h"
 #include "app/InputChecks.h"
 #include "app/Metadata.h"
+#include "app/OtherImages.h"
 #include "app/Output.h"
 
 namespace fs = std::filesystem;
-using OIIO::ImageSpec;
-using OIIO::TypeDesc;
 
 namespace vorelapp {
 
 namespace {
-
-// Host row of a file row, and back: the flip about the display window.
-int flipY(const Rect& format, int y) {
-  return format.y + format.t - 1 - y;
-}
-
-Rect displayWindow(const ImageSpec& spec) {
-  return {spec.full_x, spec.full_y, spec.full_x + spec.full_width, spec.full_y + spec.full_height};
-}
-
-// The data window in host coordinates.
-Rect dataWindow(const ImageSpec& spec, const Rect& format) {
-  const int fileTop = spec.y, fileBottom = spec.y + spec.height;  // half open, y down
-  return {spec.x, flipY(format, fileBottom - 1), spec.x + spec.width, flipY(format, fileTop) + 1};
-}
-
-std::string oiioError(const std::string& fallback) {
-  std::string e = OIIO::geterror();
-  if (e.empty())
-    e = fallback;
-  std::replace(e.begin(), e.end(), '\n', ' ');
-  while (!e.empty() && e.back() == ' ')
-    e.pop_back();
-  return e;
-}
 
 std::string oneLine(std::string e) {
   std::replace(e.begin(), e.end(), '\n', ' ');
   while (!e.empty() && e.back() == ' ')
     e.pop_back();
   return e;
-}
-
-template <class T>
-std::string inputError(T& in) {
-  std::string e = in.geterror();
-  std::replace(e.begin(), e.end(), '\n', ' ');
-  return e.empty() ? oiioError("unknown error") : e;
 }
 
 std::map<std::string, std::string>& chosenParts() {
@@ -107,67 +67,54 @@ int chosenPartIndex(const std::string& path) {
 
 namespace {
 
-// The part chosen for the file, by index or by name.
-void seekPart(OIIO::ImageInput& in, const std::string& path) {
-  const int index = chosenPartIndex(path);
-  if (index >= 0 && !in.seek_subimage(index, 0))
-    throw UsageError("cannot read part " + std::to_string(index) + " of " + path + ": " +
-                     inputError(in));
-}
+// What reading needs of a file's header, whatever kind of file it is: of an EXR, the part chosen
+// for it.
+struct SourceHeader {
+  bool exr = false, deep = false;
+  int part = 0;
+  Rect format, box;
+  std::vector<std::string> channels;
+};
 
-std::unique_ptr<OIIO::ImageInput> openInput(const std::string& path) {
-  requireRegularFile(path);
-  auto in = OIIO::ImageInput::open(path);
-  if (!in)
-    throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
-  seekPart(*in, path);
-  const ImageSpec& spec = in->spec();
-  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0 || spec.depth > 1)
+SourceHeader otherSource(const std::string& path) {
+  OtherHeader o;
+  const std::string e = otherImages().readHeader(path, o);
+  if (!e.empty())
+    throw UsageError("cannot read " + path + ": " + e);
+  chosenPartIndex(path);  // such a file has one part: any other choice is refused
+  if (o.width <= 0 || o.height <= 0 || o.volume)
     throw UsageError("cannot read " + path + ": not a 2D image with channels");
-  return in;
+  SourceHeader s;
+  s.format = {o.fullX, o.fullY, o.fullX + o.fullWidth, o.fullY + o.fullHeight};
+  s.box = {o.x, hostRow(s.format, o.y + o.height - 1), o.x + o.width, hostRow(s.format, o.y) + 1};
+  s.channels = o.channels;
+  return s;
 }
 
+SourceHeader openSource(const std::string& path) {
+  requireRegularFile(path);
+  SourceHeader s;
+  if (isExrFile(path)) {
+    const std::vector<Imf::Header> parts = exrHeaders(path);
+    s.exr = true;
+    s.part = std::max(0, chosenPartIndex(path));
+    const Imf::Header& h = parts[std::size_t(s.part)];
+    s.deep = isDeepPart(h);
+    s.format = exrDisplayWindow(h);
+    s.box = exrDataWindow(h);
+    s.channels = exrChannels(h);
+  } else {
+    s = otherSource(path);
+  }
+  if (s.channels.empty())
+    throw UsageError("cannot read " + path + ": not a 2D image with channels");
+  return s;
+}
 
 std::string lower(std::string s) {
   for (char& c : s)
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
-}
-
-std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath) {
-  auto out = OIIO::ImageOutput::create(finalPath);
-  if (!out)
-    throw RenderError("cannot write " + finalPath + ": " + oiioError("unsupported file type"));
-  return out;
-}
-
-// The encoder's bytes go straight into the temporary file, through writes that are all checked:
-// the file is never held whole in memory.
-class StagingProxy : public OIIO::Filesystem::IOProxy {
-public:
-  StagingProxy(const std::string& path, StagingFile& file)
-      : IOProxy(path, IOProxy::Write), file_(file) {}
-  const char* proxytype() const override { return "vorel-staging"; }
-  size_t write(const void* data, size_t size) override {
-    const size_t done = pwrite(data, size, m_pos);
-    m_pos += std::int64_t(done);
-    return done;
-  }
-  size_t pwrite(const void* data, size_t size, int64_t offset) override {
-    return file_.writeAt(data, size, offset) ? size : 0;
-  }
-  size_t size() const override { return size_t(file_.size()); }
-
-private:
-  StagingFile& file_;
-};
-
-// A writer for the kind of file `finalPath` names, encoding into the staged file.
-std::unique_ptr<OIIO::ImageOutput> createOutput(const std::string& finalPath, StagingProxy& proxy) {
-  auto out = createOutput(finalPath);
-  if (!out->supports("ioproxy") || !out->set_ioproxy(&proxy))
-    throw RenderError("cannot write " + finalPath + ": the file type cannot be streamed");
-  return out;
 }
 
 void checkDirectory(const std::string& path) {
@@ -203,14 +150,11 @@ int DeepImage::channelIndex(const std::string& name) const {
 
 std::vector<std::string> partNames(const std::string& path) {
   requireRegularFile(path);
-  auto in = OIIO::ImageInput::open(path);
-  if (!in)
-    throw UsageError("cannot read " + path + ": " + oiioError("not an image file"));
+  if (!isExrFile(path))
+    return {"0"};
   std::vector<std::string> names;
-  for (int i = 0; in->seek_subimage(i, 0); ++i) {
-    const std::string name = in->spec().get_string_attribute("name");
-    names.push_back(name.empty() ? std::to_string(i) : name);
-  }
+  for (const Imf::Header& h : exrHeaders(path))
+    names.push_back(h.hasName() ? h.name() : std::to_string(names.size()));
   return names;
 }
 
@@ -232,96 +176,21 @@ std::string partsNote(const std::string& path) {
 }
 
 bool isDeepFile(const std::string& path) {
-  auto in = openInput(path);
-  return in->spec().deep;
+  return openSource(path).deep;
 }
 
 FlatImage readFlatHeader(const std::string& path) {
-  auto in = openInput(path);
-  const ImageSpec& spec = in->spec();
-  if (spec.deep)
+  const SourceHeader s = openSource(path);
+  if (s.deep)
     throw UsageError(path + " is a deep image; give it with --deep");
   FlatImage image;
-  image.format = displayWindow(spec);
-  image.box = dataWindow(spec, image.format);
-  image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
-  image.channels.resize(std::size_t(spec.nchannels));
-  checkImageFits(path, spec.width, spec.height, spec.nchannels, 2);
+  image.format = s.format;
+  image.box = s.box;
+  image.channels = s.channels;
+  checkImageFits(path, s.box.w(), s.box.h(), int(s.channels.size()), 2);
   for (std::size_t c = 0; c < image.channels.size(); ++c)
     if (image.channels[c].empty())
       image.channels[c] = "channel" + std::to_string(c);
-  return image;
-}
-
-void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
-                    BadPixelCount* badCount) {
-  auto in = openInput(path);
-  const ImageSpec spec = in->spec();
-  if (spec.deep)
-    throw UsageError(path + " is a deep image; give it with --deep");
-  const int nch = spec.nchannels;
-  if (int(planes.size()) != nch)
-    throw RenderError("cannot read " + path + ": it changed while being read");
-  const Rect format = displayWindow(spec);
-  const Rect box = dataWindow(spec, format);
-  const std::size_t w = std::size_t(spec.width);
-  BadPixelCount count;
-  std::vector<std::string> names(spec.channelnames.begin(), spec.channelnames.end());
-  names.resize(std::size_t(nch));
-  count.resize(names);
-  std::vector<char> depth(static_cast<std::size_t>(nch));
-  for (int c = 0; c < nch; ++c)
-    depth[std::size_t(c)] = isDepthName(names[std::size_t(c)]);
-  auto scatter = [&](const float* src, int fileY0, int fileY1) {
-    for (int fy = fileY0; fy < fileY1; ++fy) {
-      const std::size_t row = std::size_t(flipY(format, fy) - box.y) * w;
-      const float* line = src + std::size_t(fy - fileY0) * w * nch;
-      for (int c = 0; c < nch; ++c) {
-        float* dst = planes[std::size_t(c)] + row;
-        for (std::size_t i = 0; i < w; ++i)
-          dst[i] = readValue(line[i * nch + c], std::size_t(c), depth[std::size_t(c)], count);
-      }
-    }
-  };
-
-  bool ok = true;
-  if (spec.tile_width == 0) {
-    // Scanline files are read in bands, so that only the planes hold the whole image.
-    const int band = 64;
-    std::vector<float> buffer(w * nch * band);
-    for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
-      const int end = std::min(fy + band, spec.y + spec.height);
-      ok = in->read_scanlines(in->current_subimage(), 0, fy, end, 0, 0, nch, TypeDesc::FLOAT,
-                              buffer.data());
-      if (ok)
-        scatter(buffer.data(), fy, end);
-    }
-  } else {
-    std::vector<float> buffer(w * std::size_t(spec.height) * nch);
-    ok = in->read_image(in->current_subimage(), 0, 0, nch, TypeDesc::FLOAT, buffer.data());
-    if (ok)
-      scatter(buffer.data(), spec.y, spec.y + spec.height);
-  }
-  if (!ok)
-    throw UsageError("cannot read " + path + ": " + inputError(*in) +
-                     " (the file is truncated or damaged)");
-  if (badCount)
-    *badCount = count;
-}
-
-FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
-  FlatImage image = readFlatHeader(path);
-  image.allocate();
-  std::vector<float*> planes;
-  for (auto& p : image.planes)
-    planes.push_back(p.data());
-  BadPixelCount count;
-  readFlatPixels(path, planes, &count);
-  if (nanCount) {
-    *nanCount = 0;
-    for (std::size_t n : count.nan)
-      *nanCount += n;
-  }
   return image;
 }
 
@@ -366,146 +235,109 @@ void onThreads(unsigned workers, std::size_t n, const Job& job) {
     std::rethrow_exception(failure);
 }
 
-// File rows [y0, y1) of a deep file as decoded.
-struct DeepBand {
-  int y0 = 0, y1 = 0;
-  OIIO::DeepData data;
-};
-
-// A whole number of chunks of a deep scanline file whatever its compression (1, 16 or 32 rows).
-constexpr int kDeepBandRows = 64;
-
-// The file's samples, a band of rows at a time. One input decodes one chunk at a time, so each
-// thread reads its bands through an input of its own. A tiled file is one band, read whole.
-std::vector<DeepBand> decodeDeepBands(const std::string& path, const ImageSpec& spec,
-                                      unsigned threads) {
-  const auto damaged = [&](OIIO::ImageInput& in) {
-    return UsageError("cannot read " + path + ": " + inputError(in) +
-                      " (the file is truncated or damaged)");
-  };
-  if (spec.tile_width) {
-    std::vector<DeepBand> whole(1);
-    whole[0].y0 = spec.y;
-    whole[0].y1 = spec.y + spec.height;
-    auto in = openInput(path);
-    if (!in->read_native_deep_image(in->current_subimage(), 0, whole[0].data))
-      throw damaged(*in);
-    return whole;
-  }
-  std::vector<DeepBand> bands(std::size_t((spec.height + kDeepBandRows - 1) / kDeepBandRows));
-  for (std::size_t b = 0; b < bands.size(); ++b) {
-    bands[b].y0 = spec.y + int(b) * kDeepBandRows;
-    bands[b].y1 = std::min(bands[b].y0 + kDeepBandRows, spec.y + spec.height);
-  }
-  const unsigned readers = workersFor(threads, bands.size());
-  std::vector<std::unique_ptr<OIIO::ImageInput>> inputs(readers);
-  onThreads(readers, bands.size(), [&](std::size_t b, unsigned reader) {
-    if (!inputs[reader])
-      inputs[reader] = openInput(path);
-    OIIO::ImageInput& in = *inputs[reader];
-    if (!in.read_native_deep_scanlines(in.current_subimage(), 0, bands[b].y0, bands[b].y1, 0, 0,
-                                       spec.nchannels, bands[b].data))
-      throw damaged(in);
+// Every value read as badPixels() says, counted: `values` interleaved by channel, in blocks of
+// `block` values so that the threads share the work. Counts are kept per block, so that which
+// thread took which block does not matter.
+void screenValues(float* values, std::size_t count, const std::vector<std::string>& channels,
+                  BadPixelCount& total, unsigned threads) {
+  const std::size_t nch = channels.size();
+  std::vector<char> depth(nch);
+  for (std::size_t c = 0; c < nch; ++c)
+    depth[c] = isDepthName(channels[c]);
+  total.resize(channels);
+  const std::size_t block = nch * 65536;
+  const std::size_t blocks = (count + block - 1) / block;
+  std::vector<BadPixelCount> counts(blocks, total);
+  onThreads(workersFor(threads, blocks), blocks, [&](std::size_t b, unsigned) {
+    float* v = values + b * block;
+    const std::size_t n = std::min(block, count - b * block);
+    for (std::size_t i = 0; i < n; i += nch)
+      for (std::size_t c = 0; c < nch; ++c)
+        v[i + c] = readValue(v[i + c], c, depth[c], counts[b]);
   });
-  return bands;
-}
-
-// Each host pixel's first sample, from the bands' counts: host rows run bottom up, file rows top
-// down.
-void countDeepSamples(const std::vector<DeepBand>& bands, DeepImage& image) {
-  const int w = image.box.w();
-  image.offsets.assign(std::size_t(w) * std::size_t(image.box.h()) + 1, 0);
-  for (const DeepBand& band : bands) {
-    const unsigned* counts = band.data.all_samples().data();
-    for (int fy = band.y0; fy < band.y1; ++fy) {
-      const std::size_t to = image.pixelIndex(image.box.x, flipY(image.format, fy)) + 1;
-      std::copy_n(counts + std::size_t(fy - band.y0) * std::size_t(w), w, &image.offsets[to]);
+  for (const BadPixelCount& c : counts)
+    for (std::size_t k = 0; k < nch; ++k) {
+      total.nan[k] += c.nan[k];
+      total.inf[k] += c.inf[k];
     }
-  }
-  std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
 }
 
-// True when the band's samples lie one after another, every channel a float: as the file's rows
-// are laid out in the image, so a row is copied in one run.
-bool packedFloats(const OIIO::DeepData& data, std::size_t samples) {
-  for (const TypeDesc& t : data.all_channeltypes())
-    if (t != TypeDesc::FLOAT)
-      return false;
-  return data.samplesize() == std::size_t(data.channels()) * sizeof(float) &&
-         std::size_t(data.all_data().size()) == samples * data.samplesize();
-}
-
-// The band's samples in their place in the image, as badPixels() says.
-void placeDeepBand(const DeepBand& band, DeepImage& image, const std::vector<char>& depth,
-                   BadPixelCount& count) {
-  const OIIO::DeepData& dd = band.data;
-  const std::size_t nch = image.channels.size();
-  const int w = image.box.w();
-  std::size_t bandSamples = 0;
-  for (unsigned n : dd.all_samples())
-    bandSamples += n;
-  const bool packed = packedFloats(dd, bandSamples);
-  const auto* values = reinterpret_cast<const float*>(dd.all_data().data());
-  std::size_t read = 0;  // samples of the band before this row
-  for (int fy = band.y0; fy < band.y1; ++fy) {
-    const std::size_t first = image.pixelIndex(image.box.x, flipY(image.format, fy));
-    float* out = image.samples.data() + image.offsets[first] * nch;
-    const std::size_t rowSamples = image.offsets[first + std::size_t(w)] - image.offsets[first];
-    if (packed) {
-      const float* in = values + read * nch;
-      for (std::size_t i = 0; i < rowSamples * nch; i += nch)
-        for (std::size_t c = 0; c < nch; ++c)
-          out[i + c] = readValue(in[i + c], c, depth[c], count);
-    } else {
-      const std::int64_t from = std::int64_t(fy - band.y0) * w;
-      for (int x = 0; x < w; ++x)
-        for (int s = 0, n = dd.samples(from + x); s < n; ++s, out += nch)
-          for (std::size_t c = 0; c < nch; ++c)
-            out[c] = readValue(dd.deep_value(from + x, int(c), s), c, depth[c], count);
-    }
-    read += rowSamples;
+// The pixels of a file that is not an EXR, rows from the top and channels interleaved, into the
+// planes.
+void readOtherPixels(const std::string& path, const SourceHeader& s, const std::vector<float*>& planes) {
+  std::vector<float> pixels;
+  const std::string e = otherImages().readPixels(path, pixels);
+  if (!e.empty())
+    throw UsageError("cannot read " + path + ": " + e);
+  const std::size_t w = std::size_t(s.box.w()), nch = planes.size();
+  if (pixels.size() != w * std::size_t(s.box.h()) * nch)
+    throw RenderError("cannot read " + path + ": it changed while being read");
+  for (int y = s.box.y; y < s.box.t; ++y) {
+    const float* line = pixels.data() + std::size_t(s.box.t - 1 - y) * w * nch;
+    const std::size_t row = std::size_t(y - s.box.y) * w;
+    for (std::size_t c = 0; c < nch; ++c)
+      for (std::size_t i = 0; i < w; ++i)
+        planes[c][row + i] = line[i * nch + c];
   }
 }
 
 }  // namespace
 
-DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount, unsigned threads) {
-  auto in = openInput(path);
-  const ImageSpec spec = in->spec();
-  if (!spec.deep)
-    throw UsageError(path + " is not a deep image");
-  in.reset();
+void readFlatPixels(const std::string& path, const std::vector<float*>& planes,
+                    BadPixelCount* badCount) {
+  const SourceHeader s = openSource(path);
+  if (s.deep)
+    throw UsageError(path + " is a deep image; give it with --deep");
+  if (planes.size() != s.channels.size())
+    throw RenderError("cannot read " + path + ": it changed while being read");
+  if (s.exr)
+    readExrPixels(path, s.part, planes);
+  else
+    readOtherPixels(path, s, planes);
+  const std::size_t pixels = std::size_t(s.box.w()) * std::size_t(s.box.h());
+  const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+  BadPixelCount count;
+  count.resize(s.channels);
+  for (std::size_t c = 0; c < planes.size(); ++c) {
+    BadPixelCount one;
+    screenValues(planes[c], pixels, {s.channels[c]}, one, threads);
+    count.nan[c] = one.nan[0];
+    count.inf[c] = one.inf[0];
+  }
+  if (badCount)
+    *badCount = count;
+}
 
+FlatImage readFlatImage(const std::string& path, std::size_t* nanCount) {
+  FlatImage image = readFlatHeader(path);
+  image.allocate();
+  std::vector<float*> planes;
+  for (auto& p : image.planes)
+    planes.push_back(p.data());
+  BadPixelCount count;
+  readFlatPixels(path, planes, &count);
+  if (nanCount) {
+    *nanCount = 0;
+    for (std::size_t n : count.nan)
+      *nanCount += n;
+  }
+  return image;
+}
+
+DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount, unsigned threads) {
+  const SourceHeader s = openSource(path);
+  if (!s.deep)
+    throw UsageError(path + " is not a deep image");
   DeepImage image;
-  image.format = displayWindow(spec);
-  image.box = dataWindow(spec, image.format);
-  image.channels.assign(spec.channelnames.begin(), spec.channelnames.end());
-  image.channels.resize(std::size_t(spec.nchannels));
+  image.format = s.format;
+  image.box = s.box;
+  image.channels = s.channels;
   if (image.channelIndex("Z") < 0)
     throw UsageError("deep image " + path + " has no Z channel");
-  checkImageFits(path, spec.width, spec.height, 2);
-
-  std::vector<DeepBand> bands = decodeDeepBands(path, spec, threads);
-  countDeepSamples(bands, image);
-  const std::size_t nch = image.channels.size();
-  DD::Image::host::zeroedPlane(image.samples, image.offsets.back() * nch);
-
+  checkImageFits(path, s.box.w(), s.box.h(), 2);
+  readExrDeep(path, s.part, image);
   BadPixelCount count;
-  count.resize(image.channels);
-  std::vector<char> depth(nch);
-  for (std::size_t c = 0; c < nch; ++c)
-    depth[c] = isDepthName(image.channels[c]);
-  // Counted per band, not per thread, so that which thread took which band does not matter.
-  std::vector<BadPixelCount> counts(bands.size(), count);
-  onThreads(workersFor(threads, bands.size()), bands.size(), [&](std::size_t b, unsigned) {
-    placeDeepBand(bands[b], image, depth, counts[b]);
-    bands[b].data.free();
-  });
-  for (const BadPixelCount& c : counts)
-    for (std::size_t k = 0; k < nch; ++k) {
-      count.nan[k] += c.nan[k];
-      count.inf[k] += c.inf[k];
-    }
+  screenValues(image.samples.data(), image.samples.size(), image.channels, count, threads);
   if (badCount)
     *badCount = count;
   return image;
@@ -606,118 +438,22 @@ FileKind fileKindFor(const std::string& path) {
 
 namespace {
 
-// Display window from the format, data window from the box, rows counted from the top as files
-// store them. The data window's size is passed in, since a flat file needs at least one pixel.
-ImageSpec windowedSpec(const Rect& format, const Rect& box, int width, int height,
-                       const std::vector<std::string>& channels) {
-  ImageSpec spec(width, height, int(channels.size()), TypeDesc::FLOAT);
-  spec.full_x = format.x;
-  spec.full_y = format.y;
-  spec.full_width = format.w();
-  spec.full_height = format.h();
-  spec.x = box.x;
-  spec.y = flipY(format, box.t - 1);
-  spec.channelnames = channels;
-  return spec;
-}
-
-}  // namespace
-
-namespace {
-
-// Every pixel of every part of a file just written decodes; throws RenderError naming `path`
-// otherwise.
-void requireWholeFile(const std::string& written, const std::string& path) {
-  auto in = OIIO::ImageInput::open(written);
-  bool ok = bool(in);
-  for (int part = 0; ok && in->seek_subimage(part, 0); ++part) {
-    const ImageSpec& spec = in->spec();
-    if (spec.deep) {
-      OIIO::DeepData deep;
-      ok = in->read_native_deep_image(part, 0, deep);
-    } else if (spec.tile_width) {
-      std::vector<unsigned char> pixels(spec.image_bytes(true));
-      ok = in->read_image(part, 0, 0, spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
-    } else {
-      const int band = 64;
-      std::vector<unsigned char> pixels(spec.scanline_bytes(true) * band);
-      for (int y = spec.y; ok && y < spec.y + spec.height; y += band)
-        ok = in->read_scanlines(part, 0, y, std::min(y + band, spec.y + spec.height), 0, 0,
-                                spec.nchannels, TypeDesc::UNKNOWN, pixels.data());
-    }
+// An encoder's failure as one line naming the file; ours pass as they are.
+template <class Encode>
+void encoding(const std::string& path, const Encode& encode) {
+  try {
+    encode();
+  } catch (const AppError&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw RenderError("cannot write " + path + ": " + oneLine(e.what()));
   }
-  if (!ok)
-    throw RenderError("cannot write " + path + ": the file came out incomplete (is the disk full?)");
-}
-
-ImageSpec flatExrSpec(const FlatImage& image, const ExrHeader* header) {
-  ImageSpec spec = windowedSpec(image.format, image.box, std::max(1, image.box.w()),
-                                std::max(1, image.box.h()), image.channels);
-  spec.alpha_channel = image.channelIndex("A");
-  spec.z_channel = image.channelIndex("Z");
-  spec.attribute("compression", "zip");
-  if (header)
-    applyExrHeader(spec, *header);
-  return spec;
-}
-
-// The image's rows in file order, a band of them at a time interleaved for the writer.
-bool writeFlatRows(OIIO::ImageOutput& out, const ImageSpec& spec, const FlatImage& image) {
-  const int nch = int(image.channels.size());
-  const std::size_t w = std::size_t(std::max(0, image.box.w()));
-  const int band = 64;
-  std::vector<float> buffer(std::max<std::size_t>(1, w) * nch * band, 0.0f);
-  if (image.box.empty())  // an empty box still makes a valid file: one black pixel
-    return out.write_scanline(spec.y, 0, TypeDesc::FLOAT, buffer.data());
-  bool ok = true;
-  for (int fy = spec.y; ok && fy < spec.y + spec.height; fy += band) {
-    const int end = std::min(fy + band, spec.y + spec.height);
-    for (int row = fy; row < end; ++row) {
-      const int y = flipY(image.format, row);
-      float* line = buffer.data() + std::size_t(row - fy) * w * nch;
-      for (int c = 0; c < nch; ++c) {
-        const float* src = image.row(c, y);
-        for (std::size_t i = 0; i < w; ++i)
-          line[i * nch + c] = src[i];
-      }
-    }
-    ok = out.write_scanlines(fy, end, 0, TypeDesc::FLOAT, buffer.data());
-  }
-  return ok;
-}
-
-// The whole EXR through `out`, opened on `target`; with a header of several parts, the input's
-// other parts around the rendered one.
-void encodeExr(OIIO::ImageOutput& out, const std::string& path, const std::string& target,
-               const FlatImage& image, const ExrHeader* header) {
-  const ImageSpec spec = flatExrSpec(image, header);
-  const bool opened = header ? openExrParts(out, target, spec, *header) : out.open(target, spec);
-  if (!opened)
-    throw RenderError("cannot write " + path + ": " + inputError(out));
-  bool ok = writeFlatRows(out, spec, image);
-  ok = ok && (!header || finishExrParts(out, target, *header));
-  ok = ok && out.close();
-  if (!ok)
-    throw RenderError("cannot write " + path + ": " + inputError(out));
 }
 
 void stageExr(OutputBatch& batch, const std::string& path, const FlatImage& image,
               const ExrHeader* header) {
-  if (header && header->parts.size() >= 2) {
-    // OpenEXR writes several parts only to a file it opens itself, whose writes it does not all
-    // check: the file is decoded again to be sure it is whole.
-    batch.stageNamed(path, [&](const std::string& temp) {
-      auto out = createOutput(path);
-      encodeExr(*out, path, temp, image, header);
-      out.reset();
-      requireWholeFile(temp, path);
-    });
-    return;
-  }
   batch.stage(path, [&](StagingFile& file) {
-    StagingProxy proxy(path, file);
-    auto out = createOutput(path, proxy);
-    encodeExr(*out, path, path, image, header);
+    encoding(path, [&] { encodeFlatExr(file, path, image, header); });
   });
 }
 
@@ -734,6 +470,27 @@ Rect quickLookWindow(const FlatImage& image) {
 }
 
 namespace {
+
+// The quick look's pixels as the encoder takes them: rows from the top, channels interleaved,
+// linear, every value finite.
+std::vector<float> displayPixels(const FlatImage& image, const Rect& f, const std::vector<int>& source) {
+  const std::size_t nch = source.size(), w = std::size_t(std::max(1, f.w()));
+  std::vector<float> pixels(w * std::size_t(std::max(1, f.h())) * nch, 0.0f);
+  for (int y = std::max(f.y, image.box.y); y < std::min(f.t, image.box.t); ++y) {
+    float* line = pixels.data() + std::size_t(hostRow(f, y) - f.y) * w * nch;
+    const int x0 = std::max(f.x, image.box.x), x1 = std::min(f.r, image.box.r);
+    for (std::size_t c = 0; c < nch; ++c) {
+      if (source[c] < 0)
+        continue;
+      const float* src = image.row(source[c], y);
+      for (int x = x0; x < x1; ++x) {
+        const float v = src[x - image.box.x];
+        line[std::size_t(x - f.x) * nch + c] = std::isfinite(v) ? v : (v > 0 ? FLT_MAX : 0.0f);
+      }
+    }
+  }
+  return pixels;
+}
 
 void stageDisplayImage(OutputBatch& batch, const std::string& path, const FlatImage& image,
                        int red, int green, int blue, int alpha) {
@@ -752,93 +509,33 @@ void stageDisplayImage(OutputBatch& batch, const std::string& path, const FlatIm
   const bool withAlpha = alpha >= 0 && !jpeg;
   if (withAlpha)
     source.push_back(alpha);
-  const int nch = int(source.size());
 
   const Rect f = quickLookWindow(image);
-  ImageSpec spec(std::max(1, f.w()), std::max(1, f.h()), nch, TypeDesc::FLOAT);
-  if (withAlpha)
-    spec.alpha_channel = nch - 1;
-  OIIO::ImageBuf linear(spec);
-  std::vector<float> line(std::size_t(std::max(1, f.w())) * nch);
-  for (int y = f.y; y < f.t; ++y) {
-    std::fill(line.begin(), line.end(), 0.0f);
-    if (y >= image.box.y && y < image.box.t) {
-      const int x0 = std::max(f.x, image.box.x), x1 = std::min(f.r, image.box.r);
-      for (int c = 0; c < nch; ++c) {
-        if (source[c] < 0)
-          continue;
-        const float* src = image.row(source[c], y);
-        for (int x = x0; x < x1; ++x) {
-          const float v = src[x - image.box.x];
-          line[std::size_t(x - f.x) * nch + c] = std::isfinite(v) ? v : (v > 0 ? FLT_MAX : 0.0f);
-        }
-      }
-    }
-    const int fileRow = flipY(f, y) - f.y;
-    linear.set_pixels(OIIO::ROI(0, f.w(), fileRow, fileRow + 1, 0, 1, 0, nch), TypeDesc::FLOAT,
-                      line.data());
-  }
-
-  OIIO::ImageBuf display;
-  if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", withAlpha))
-    throw RenderError("cannot write " + path + ": " + display.geterror());
-
-  linear.reset();
-  ImageSpec fileSpec = display.spec();
-  fileSpec.set_format(tiff ? TypeDesc::UINT16 : TypeDesc::UINT8);
+  const std::vector<float> pixels = displayPixels(image, f, source);
+  DisplayPixels display;
+  display.width = std::max(1, f.w());
+  display.height = std::max(1, f.h());
+  display.channels = int(source.size());
+  display.withAlpha = withAlpha;
+  display.sixteenBit = tiff;
+  display.pixels = pixels.data();
+  const OtherImages& images = otherImages();
   batch.stage(path, [&](StagingFile& file) {
-    StagingProxy proxy(path, file);
-    auto out = createOutput(path, proxy);
-    const bool ok = out->open(path, fileSpec) && display.write(out.get()) && out->close();
-    if (!ok) {
-      const std::string e = out->geterror() + display.geterror();
-      throw RenderError("cannot write " + path + ": " + oneLine(e.empty() ? "encoding failed" : e));
-    }
+    const WriteAt writeAt = [&](const void* data, std::size_t size, std::int64_t offset) {
+      return file.writeAt(data, size, offset);
+    };
+    const std::function<std::int64_t()> size = [&] { return file.size(); };
+    const std::string e = images.writeDisplay(path, display, writeAt, size);
+    if (!e.empty())
+      throw RenderError("cannot write " + path + ": " + e);
   });
 }
 
-// OpenImageIO writes deep files only to a file it opens itself, whose writes it does not all
-// check: the file is decoded again in full to be sure it is whole.
 void stageDeepExr(OutputBatch& batch, const std::string& path, const DeepImage& image) {
-  auto out = createOutput(path);
-  if (!out->supports("deepdata"))
+  if (fileKindFor(path) != FileKind::Exr)
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
-  const int nch = int(image.channels.size());
-  ImageSpec spec = windowedSpec(image.format, image.box, image.box.w(), image.box.h(), image.channels);
-  spec.channelformats.assign(nch, TypeDesc::FLOAT);
-  spec.alpha_channel = image.channelIndex("A");
-  spec.z_channel = image.channelIndex("Z");
-  spec.deep = true;
-  spec.attribute("compression", "zips");
-
-  OIIO::DeepData dd;
-  dd.init(spec);
-  const int w = image.box.w();
-  std::vector<unsigned int> counts(std::size_t(w) * image.box.h());
-  for (int y = image.box.y; y < image.box.t; ++y)
-    for (int x = image.box.x; x < image.box.r; ++x)
-      counts[std::size_t(flipY(image.format, y) - spec.y) * w + (x - image.box.x)] =
-          unsigned(image.sampleCount(x, y));
-  dd.set_all_samples(counts);
-  for (int y = image.box.y; y < image.box.t; ++y)
-    for (int x = image.box.x; x < image.box.r; ++x) {
-      const std::int64_t p = std::int64_t(flipY(image.format, y) - spec.y) * w + (x - image.box.x);
-      const std::size_t n = image.sampleCount(x, y);
-      for (std::size_t s = 0; s < n; ++s)
-        for (int c = 0; c < nch; ++c)
-          dd.set_deep_value(p, c, int(s), image.sample(x, y, s)[c]);
-    }
-
-  batch.stageNamed(path, [&](const std::string& temp) {
-    const bool ok = out->open(temp, spec) && out->write_deep_image(dd) && out->close();
-    if (!ok)
-      throw RenderError("cannot write " + path + ": " + inputError(*out));
-    out.reset();
-    OIIO::DeepData check;
-    auto in = OIIO::ImageInput::open(temp);
-    if (!in || !in->read_native_deep_image(0, 0, check) || check.pixels() != dd.pixels())
-      throw RenderError("cannot write " + path +
-                        ": the file came out incomplete (is the disk full?)");
+  batch.stage(path, [&](StagingFile& file) {
+    encoding(path, [&] { encodeDeepExr(file, path, image); });
   });
 }
 

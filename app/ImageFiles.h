@@ -25,6 +25,11 @@ struct Rect {
   bool operator!=(const Rect& o) const { return !(*this == o); }
 };
 
+// The host row of file row `fileRow`, and back: the flip about the display window `format`.
+inline int hostRow(const Rect& format, int fileRow) {
+  return format.y + format.t - 1 - fileRow;
+}
+
 // A flat image: one float plane per channel over the data window `box`, rows bottom up.
 struct FlatImage {
   Rect format;                            // the display window

@@ -1,6 +1,15 @@
 #include "app/Metadata.h"
 
-#include <OpenImageIO/imageio.h>
+#include <OpenEXR/IexBaseExc.h>
+#include <OpenEXR/ImfChannelList.h>
+#include <OpenEXR/ImfCompression.h>
+#include <OpenEXR/ImfDoubleAttribute.h>
+#include <OpenEXR/ImfFloatAttribute.h>
+#include <OpenEXR/ImfIntAttribute.h>
+#include <OpenEXR/ImfMatrixAttribute.h>
+#include <OpenEXR/ImfRationalAttribute.h>
+#include <OpenEXR/ImfStringAttribute.h>
+#include <OpenEXR/ImfVecAttribute.h>
 
 #include <cctype>
 #include <cstdint>
@@ -11,23 +20,24 @@
 
 #include "DDImage/Host.h"
 #include "app/AppError.h"
+#include "app/ExrFiles.h"
+#include "app/InputChecks.h"
+#include "app/OtherImages.h"
 #include "node/tzVorel.h"
-
-using OIIO::ImageSpec;
-using OIIO::TypeDesc;
 
 namespace vorelapp {
 
 namespace {
 
-// Attributes the writer decides itself, from the image it writes: the layout and OpenImageIO's
-// notes about the file it read.
+// Attributes the writer decides itself, from the image it writes.
 bool describesLayout(const std::string& name) {
-  if (name == "oiio:subimagename")  // a part's name is its own
-    return false;
-  return name.rfind("oiio:", 0) == 0 || name == "compression" || name == "openexr:lineOrder" ||
-         name == "openexr:chunkCount" || name == "Software" || name == "tiles" ||
-         name == "chunkCount";
+  static const char* const kLayout[] = {"channels", "compression", "dataWindow", "displayWindow",
+                                        "lineOrder", "tiles", "type", "chunkCount", "version",
+                                        "maxSamplesPerPixel", "Software"};
+  for (const char* layout : kLayout)
+    if (name == layout)
+      return true;
+  return false;
 }
 
 std::string versionText() {
@@ -46,24 +56,57 @@ std::string keyStem(const std::string& key) {
   return stem;
 }
 
-// The attribute's numbers: its float values, or a leading number in a string ("50.00 mm").
-std::vector<double> numbers(const OIIO::ParamValue& p) {
+template <class T>
+const T* as(const Imf::Attribute& a) {
+  return dynamic_cast<const T*>(&a);
+}
+
+template <class V>
+void addVector(std::vector<double>& values, const V& v) {
+  for (unsigned i = 0; i < V::dimensions(); ++i)
+    values.push_back(double(v[i]));
+}
+
+template <class M>
+void addMatrix(std::vector<double>& values, const M& m) {
+  for (unsigned i = 0; i < M::dimensions(); ++i)
+    for (unsigned j = 0; j < M::dimensions(); ++j)
+      values.push_back(double(m[i][j]));
+}
+
+// The attribute's numbers: its values, or a leading number in a string ("50.00 mm").
+std::vector<double> numbers(const Imf::Attribute& a) {
   std::vector<double> values;
-  const TypeDesc t = p.type();
-  if (t.basetype == TypeDesc::STRING) {
-    const std::string s = p.get_string();
+  if (const auto* s = as<Imf::StringAttribute>(a)) {
     char* end = nullptr;
-    const double v = std::strtod(s.c_str(), &end);
-    if (end != s.c_str())
+    const double v = std::strtod(s->value().c_str(), &end);
+    if (end != s->value().c_str())
       values.push_back(v);
-    return values;
+  } else if (const auto* f = as<Imf::FloatAttribute>(a)) {
+    values.push_back(double(f->value()));
+  } else if (const auto* d = as<Imf::DoubleAttribute>(a)) {
+    values.push_back(d->value());
+  } else if (const auto* i = as<Imf::IntAttribute>(a)) {
+    values.push_back(double(i->value()));
+  } else if (const auto* r = as<Imf::RationalAttribute>(a)) {
+    values.push_back(double(r->value()));
+  } else if (const auto* v2f = as<Imf::V2fAttribute>(a)) {
+    addVector(values, v2f->value());
+  } else if (const auto* v2i = as<Imf::V2iAttribute>(a)) {
+    addVector(values, v2i->value());
+  } else if (const auto* v2d = as<Imf::V2dAttribute>(a)) {
+    addVector(values, v2d->value());
+  } else if (const auto* v3f = as<Imf::V3fAttribute>(a)) {
+    addVector(values, v3f->value());
+  } else if (const auto* v3i = as<Imf::V3iAttribute>(a)) {
+    addVector(values, v3i->value());
+  } else if (const auto* v3d = as<Imf::V3dAttribute>(a)) {
+    addVector(values, v3d->value());
+  } else if (const auto* m33 = as<Imf::M33fAttribute>(a)) {
+    addMatrix(values, m33->value());
+  } else if (const auto* m44 = as<Imf::M44fAttribute>(a)) {
+    addMatrix(values, m44->value());
   }
-  const TypeDesc base(TypeDesc::BASETYPE(t.basetype));
-  if (base.basetype == TypeDesc::UNKNOWN || base.basetype == TypeDesc::PTR)
-    return values;
-  values.resize(t.basevalues() * std::size_t(p.nvalues()));
-  if (!OIIO::convert_type(base, p.data(), TypeDesc::DOUBLE, values.data(), int(values.size())))
-    values.clear();
   return values;
 }
 
@@ -96,40 +139,88 @@ std::string keyList(const LensKey& key) {
   return s;
 }
 
+struct Found {
+  std::string name;
+  std::vector<double> values;
+};
+
 // The first attribute, in the key's order of preference, with at least `count` numbers.
-const OIIO::ParamValue* findKey(const OIIO::ParamValueList& attributes, const LensKey& key,
-                                std::size_t count) {
+std::optional<Found> findKey(const Imf::Header& attributes, const LensKey& key, std::size_t count) {
   for (const std::string& stem : key.stems)
-    for (const OIIO::ParamValue& p : attributes)
-      if (keyStem(p.name().string()) == stem && numbers(p).size() >= count && numbers(p)[0] > 0.0)
-        return &p;
+    for (auto a = attributes.begin(); a != attributes.end(); ++a) {
+      if (keyStem(a.name()) != stem)
+        continue;
+      std::vector<double> values = numbers(a.attribute());
+      if (values.size() >= count && values[0] > 0.0)
+        return Found{a.name(), std::move(values)};
+    }
+  return std::nullopt;
+}
+
+const std::pair<const char*, Imf::Compression> kCompressions[] = {
+    {"none", Imf::NO_COMPRESSION},     {"rle", Imf::RLE_COMPRESSION},
+    {"zips", Imf::ZIPS_COMPRESSION},   {"zip", Imf::ZIP_COMPRESSION},
+    {"piz", Imf::PIZ_COMPRESSION},     {"pxr24", Imf::PXR24_COMPRESSION},
+    {"b44", Imf::B44_COMPRESSION},     {"b44a", Imf::B44A_COMPRESSION},
+    {"dwaa", Imf::DWAA_COMPRESSION},   {"dwab", Imf::DWAB_COMPRESSION}};
+
+std::string compressionName(Imf::Compression c) {
+  for (const auto& [name, id] : kCompressions)
+    if (id == c)
+      return name;
+  return "zip";
+}
+
+Imf::Compression compressionId(const std::string& name) {
+  for (const auto& [n, id] : kCompressions)
+    if (name == n)
+      return id;
+  throw RenderError("unknown EXR compression '" + name + "'");
+}
+
+// A header entry of a file that is not an EXR, as EXR holds it; null for what EXR cannot.
+std::unique_ptr<Imf::Attribute> exrAttribute(const OtherAttribute& a) {
+  using Kind = OtherAttribute::Kind;
+  const std::vector<double>& v = a.numbers;
+  if (a.kind == Kind::Text)
+    return std::make_unique<Imf::StringAttribute>(a.text);
+  if (a.kind == Kind::Int && a.count == 1)
+    return std::make_unique<Imf::IntAttribute>(int(v[0]));
+  if (a.kind == Kind::Int && a.count == 2)
+    return std::make_unique<Imf::V2iAttribute>(Imath::V2i(int(v[0]), int(v[1])));
+  if (a.kind == Kind::Int && a.count == 3)
+    return std::make_unique<Imf::V3iAttribute>(Imath::V3i(int(v[0]), int(v[1]), int(v[2])));
+  if (a.kind == Kind::Double && a.count == 1)
+    return std::make_unique<Imf::DoubleAttribute>(v[0]);
+  if (a.count == 1)
+    return std::make_unique<Imf::FloatAttribute>(float(v[0]));
+  if (a.count == 2)
+    return std::make_unique<Imf::V2fAttribute>(Imath::V2f(float(v[0]), float(v[1])));
+  if (a.count == 3)
+    return std::make_unique<Imf::V3fAttribute>(Imath::V3f(float(v[0]), float(v[1]), float(v[2])));
+  if (a.count == 9)
+    return std::make_unique<Imf::M33fAttribute>(
+        Imath::M33f(float(v[0]), float(v[1]), float(v[2]), float(v[3]), float(v[4]), float(v[5]),
+                    float(v[6]), float(v[7]), float(v[8])));
+  if (a.count == 16) {
+    float m[4][4];
+    for (int i = 0; i < 16; ++i)
+      m[i / 4][i % 4] = float(v[std::size_t(i)]);
+    return std::make_unique<Imf::M44fAttribute>(Imath::M44f(m));
+  }
   return nullptr;
 }
 
-// OpenImageIO writes the EXR line order it is given but does not report the one it reads, so it
-// is read here from the first header: after the magic number and version, attributes as
-// name, type, size, value, up to an empty name.
-std::string exrLineOrder(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  char magic[8];
-  if (!in.read(magic, 8) || std::memcmp(magic, "\x76\x2f\x31\x01", 4) != 0)
-    return "";
-  for (int attributes = 0; attributes < 1000; ++attributes) {
-    std::string name, type;
-    if (!std::getline(in, name, '\0') || name.empty() || !std::getline(in, type, '\0'))
-      return "";
-    unsigned char size[4];
-    if (!in.read(reinterpret_cast<char*>(size), 4))
-      return "";
-    const std::uint32_t n = size[0] | size[1] << 8 | size[2] << 16 | std::uint32_t(size[3]) << 24;
-    if (name == "lineOrder" && type == "lineOrder" && n == 1) {
-      const int order = in.get();
-      return order == 1 ? "decreasingY" : order == 2 ? "randomY" : "increasingY";
-    }
-    if (!in.seekg(n, std::ios::cur))
-      return "";
-  }
-  return "";
+ExrHeader otherHeader(const std::string& path) {
+  ExrHeader header;
+  OtherHeader other;
+  if (!otherImages().readHeader(path, other).empty())
+    return header;  // the reader proper names the problem
+  for (const OtherAttribute& a : other.attributes)
+    if (auto attribute = exrAttribute(a))
+      header.attributes.insert(a.name, *attribute);
+  header.source = path;
+  return header;
 }
 
 std::string numberText(double v) {
@@ -142,26 +233,30 @@ std::string numberText(double v) {
 }  // namespace
 
 ExrHeader readExrHeader(const std::string& path, int part) {
+  if (!isExrFile(path))
+    return otherHeader(path);
   ExrHeader header;
-  auto in = OIIO::ImageInput::open(path);
-  if (!in)
+  std::vector<Imf::Header> parts;
+  try {
+    parts = exrHeaders(path);
+  } catch (const AppError&) {
     return header;  // the reader proper names the problem
-  if (part > 0 && !in->seek_subimage(part, 0))
-    return header;
-  header.part = std::max(0, part);
-  const ImageSpec spec = in->spec();
-  for (const OIIO::ParamValue& p : spec.extra_attribs)
-    if (!describesLayout(p.name().string()))
-      header.attributes.push_back(p);
-  if (std::string(in->format_name()) == "openexr") {
-    header.compression = spec.get_string_attribute("compression", "zip");
-    header.lineOrder = exrLineOrder(path);
   }
-  for (int c = 0; c < spec.nchannels; ++c)
-    header.channelTypes.emplace_back(spec.channel_name(c), spec.channelformat(c));
+  header.part = std::max(0, part);
+  if (header.part >= int(parts.size()))
+    return header;
+  const Imf::Header& h = parts[std::size_t(header.part)];
+  for (auto a = h.begin(); a != h.end(); ++a)
+    if (!describesLayout(a.name()))
+      header.attributes.insert(a.name(), a.attribute());
+  header.compression = compressionName(h.compression());
+  header.lineOrder = h.lineOrder() == Imf::DECREASING_Y ? "decreasingY"
+                     : h.lineOrder() == Imf::RANDOM_Y   ? "randomY"
+                                                        : "increasingY";
+  for (auto c = h.channels().begin(); c != h.channels().end(); ++c)
+    header.channelTypes.emplace_back(c.name(), c.channel().type);
   header.source = path;
-  for (int i = 0; in->seek_subimage(i, 0); ++i)
-    header.parts.push_back(in->spec());
+  header.partCount = int(parts.size());
   return header;
 }
 
@@ -179,76 +274,82 @@ std::string settingsText(const DD::Image::Op& node, const DD::Image::Op& fresh) 
 }
 
 SavedSettings readSavedSettings(const std::string& path) {
-  auto in = OIIO::ImageInput::open(path);
-  if (!in)
-    throw UsageError("--settings-from: cannot read " + path);
-  const ImageSpec& spec = in->spec();
-  const OIIO::ParamValue* p = spec.find_attribute("vorel/settings", TypeDesc::STRING);
-  if (!p)
+  requireRegularFile(path);
+  const ExrHeader header = readExrHeader(path, 0);
+  const auto* settings = header.attributes.findTypedAttribute<Imf::StringAttribute>("vorel/settings");
+  if (!settings)
     throw UsageError("--settings-from: " + path + " has no vorel/settings attribute");
   SavedSettings saved;
-  std::istringstream lines(p->get_string(0));
+  std::istringstream lines(settings->value());
   std::string line;
   for (int number = 1; std::getline(lines, line); ++number)
     if (!line.empty())
       saved.settings.push_back(
           parseSetting(line, path + " vorel/settings:" + std::to_string(number)));
-  saved.camera = spec.get_string_attribute("vorel/camera");
+  if (const auto* camera = header.attributes.findTypedAttribute<Imf::StringAttribute>("vorel/camera"))
+    saved.camera = camera->value();
   return saved;
 }
 
 void addVorelAttributes(ExrHeader& header, const std::string& settings, const std::string& camera) {
-  header.attributes.remove("vorel/settings");
-  header.attributes.remove("vorel/camera");
-  header.attributes.attribute("vorel/settings", settings);
+  header.attributes.erase("vorel/settings");
+  header.attributes.erase("vorel/camera");
+  header.attributes.insert("vorel/settings", Imf::StringAttribute(settings));
   if (!camera.empty())
-    header.attributes.attribute("vorel/camera", camera);
+    header.attributes.insert("vorel/camera", Imf::StringAttribute(camera));
 }
 
-void applyExrHeader(ImageSpec& spec, const ExrHeader& header) {
-  for (const OIIO::ParamValue& p : header.attributes)
-    spec.attribute(p.name(), p.type(), p.data());
-  spec.attribute("Software", "vorel " + versionText());
-  spec.attribute("compression", header.compression);
-  if (!header.lineOrder.empty())
-    spec.attribute("openexr:lineOrder", header.lineOrder);
-
-  spec.channelformats.clear();
-  for (const std::string& name : spec.channelnames) {
-    TypeDesc type = TypeDesc::FLOAT;
-    if (header.pixelType == PixelType::Half)
-      type = TypeDesc::HALF;
-    else if (header.pixelType == PixelType::AsInput)
-      for (const auto& c : header.channelTypes)
-        if (c.first == name)
-          type = c.second == TypeDesc::HALF ? TypeDesc::HALF : TypeDesc::FLOAT;
-    spec.channelformats.push_back(type);
+void applyExrHeader(Imf::Header& h, const ExrHeader& header) {
+  for (auto a = header.attributes.begin(); a != header.attributes.end(); ++a) {
+    if (describesLayout(a.name()))
+      continue;
+    try {
+      h.insert(a.name(), a.attribute());
+    } catch (const Iex::TypeExc&) {
+      // A standard attribute of another type than the standard's: the writer's own stands.
+    }
   }
-  spec.format = spec.channelformats.empty() ? TypeDesc::FLOAT : spec.channelformats[0];
+  h.insert("Software", Imf::StringAttribute("vorel " + versionText()));
+  h.compression() = compressionId(header.compression);
+  if (header.lineOrder == "decreasingY")
+    h.lineOrder() = Imf::DECREASING_Y;
+  else if (header.lineOrder == "increasingY")
+    h.lineOrder() = Imf::INCREASING_Y;
 }
 
-HeaderCamera cameraFromHeader(const OIIO::ParamValueList& attributes) {
+Imf::PixelType exrPixelType(const ExrHeader* header, const std::string& channel) {
+  if (!header || header->pixelType == PixelType::Float)
+    return Imf::FLOAT;
+  if (header->pixelType == PixelType::Half)
+    return Imf::HALF;
+  for (const auto& c : header->channelTypes)
+    if (c.first == channel)
+      return c.second == Imf::HALF ? Imf::HALF : Imf::FLOAT;
+  return Imf::FLOAT;
+}
+
+HeaderCamera cameraFromHeader(const Imf::Header& attributes) {
   HeaderCamera camera;
   auto take = [&](const LensKey& key, std::optional<double>& value, std::size_t index,
-                  const OIIO::ParamValue* p) {
-    value = numbers(*p)[index];
-    camera.taken.push_back(std::string(key.what) + " " + numberText(*value) + " (" +
-                           p->name().string() + ")");
+                  const Found& found) {
+    value = found.values[index];
+    camera.taken.push_back(std::string(key.what) + " " + numberText(*value) + " (" + found.name +
+                           ")");
   };
   auto single = [&](const LensKey& key, std::optional<double>& value) {
-    if (const OIIO::ParamValue* p = findKey(attributes, key, 1))
-      take(key, value, 0, p);
+    if (const std::optional<Found> found = findKey(attributes, key, 1))
+      take(key, value, 0, *found);
   };
   single(kFocal, camera.focal);
   single(kFocus, camera.focus);
   single(kFstop, camera.fstop);
   single(kFilmWidth, camera.haperture);
   single(kFilmHeight, camera.vaperture);
-  if (const OIIO::ParamValue* p = findKey(attributes, kFilmBack, 2)) {
+  if (const std::optional<Found> found = findKey(attributes, kFilmBack, 2)) {
     if (!camera.haperture)
-      take(kFilmWidth, camera.haperture, 0, p);
-    if (!camera.vaperture && numbers(*p)[1] > 0.0)
-      take(kFilmHeight, camera.vaperture, 1, p);
+      take(kFilmWidth, camera.haperture, 0, *found);
+    if (!camera.vaperture && found->values[1] > 0.0)
+      take(kFilmHeight, camera.vaperture, 1, *found);
   }
   auto need = [&](const LensKey& key, const std::optional<double>& value, const std::string& also) {
     if (!value)

@@ -2,9 +2,8 @@
 // What an output EXR carries over from its input's header, what vorel adds to it (its name and
 // version, and the knobs that made the frame), and the lens a header describes.
 
-#include <OpenImageIO/imageio.h>
-#include <OpenImageIO/paramlist.h>
-#include <OpenImageIO/typedesc.h>
+#include <OpenEXR/ImfHeader.h>
+#include <OpenEXR/ImfPixelType.h>
 
 #include <optional>
 #include <string>
@@ -21,17 +20,17 @@ enum class PixelType { AsInput, Half, Float };
 
 // The header an EXR is written with. Built from the input's header, then told what vorel adds.
 struct ExrHeader {
-  OIIO::ParamValueList attributes;  // copied as they are
+  Imf::Header attributes;  // copied as they are, but for those that describe the file's layout
   std::string compression = "zip";
-  std::string lineOrder;            // "" leaves the writer's default
+  std::string lineOrder;   // "" leaves the writer's default
   // Per channel name, the input's pixel type; channels not listed are written as float.
-  std::vector<std::pair<std::string, OIIO::TypeDesc>> channelTypes;
+  std::vector<std::pair<std::string, Imf::PixelType>> channelTypes;
   PixelType pixelType = PixelType::AsInput;
 
   // The input's other parts, written back unchanged around the rendered one.
-  std::string source;               // the file they are copied from
-  int part = 0;                     // which part of `source` the rendered image replaces
-  std::vector<OIIO::ImageSpec> parts;  // every part's header, the rendered one's included
+  std::string source;  // the file they are copied from
+  int part = 0;        // which part of `source` the rendered image replaces
+  int partCount = 1;
 };
 
 // The header of input 0's file, of the part rendered: every attribute but those that describe
@@ -51,16 +50,11 @@ SavedSettings readSavedSettings(const std::string& path);
 // vorel's own entries in the header: software, settings, camera.
 void addVorelAttributes(ExrHeader& header, const std::string& settings, const std::string& camera);
 
-// Sets `spec`'s attributes, compression, line order and channel formats from the header. The
-// writer calls it with the ImageSpec already holding the windows and channel names.
-void applyExrHeader(OIIO::ImageSpec& spec, const ExrHeader& header);
-
-// A multi-part output: opens every part and writes the input's parts before the rendered one,
-// leaving the output on the rendered part; then, once it is written, the parts after it. With
-// one part these are a plain open and nothing. False when the output or the input fails.
-bool openExrParts(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& rendered,
-                  const ExrHeader& header);
-bool finishExrParts(OIIO::ImageOutput& out, const std::string& path, const ExrHeader& header);
+// Sets `h`'s attributes, compression and line order from the header. The writer calls it with
+// `h` already holding the windows.
+void applyExrHeader(Imf::Header& h, const ExrHeader& header);
+// How the channel is stored: as the header says (float without one).
+Imf::PixelType exrPixelType(const ExrHeader* header, const std::string& channel);
 
 // The lens a header describes. Each value names the key it came from; `missing` lists, for each
 // value not found, the keys that were looked for.
@@ -69,6 +63,6 @@ struct HeaderCamera {
   std::vector<std::string> taken;    // "focal 35 (cameraFocalLength)"
   std::vector<std::string> missing;  // "focus distance (one of focus, focusDistance, ...)"
 };
-HeaderCamera cameraFromHeader(const OIIO::ParamValueList& attributes);
+HeaderCamera cameraFromHeader(const Imf::Header& attributes);
 
 }  // namespace vorelapp

@@ -550,7 +550,7 @@ TEST(Headers, TheLensFromTheHeaderOrNamedAsMissing) {
   const Outcome meta = vorel(dir, Names{"render", "full.exr", "-o", "meta.exr", "--camera-from-metadata"} + kBlur);
   ASSERT_EQ(meta.code, 0) << meta.err;
   for (const char* took : {"focal length 85 (cameraFocalLength)", "focus distance 250",
-                           "f-stop 1.4 (FNumber)", "film back width 36", "film back height 24"})
+                           "f-stop 1.4 (aperture)", "film back width 36", "film back height 24"})
     EXPECT_NE(meta.err.find(took), std::string::npos) << took << " in " << meta.err;
   const Outcome given = vorel(dir, Names{"render", "full.exr", "-o", "given.exr", "--camera",
                                          "focal=85,focus=250,fstop=1.4,haperture=36,vaperture=24"} + kBlur);

@@ -1,0 +1,155 @@
+// The module behind app/OtherImages.h: OpenImageIO for every kind of file that is not an EXR.
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
+#include <OpenImageIO/imageio.h>
+
+#include <algorithm>
+
+#include "app/OtherImages.h"
+
+using OIIO::ImageSpec;
+using OIIO::TypeDesc;
+
+namespace {
+
+std::string oneLine(std::string e, const std::string& fallback) {
+  if (e.empty())
+    e = fallback;
+  std::replace(e.begin(), e.end(), '\n', ' ');
+  while (!e.empty() && e.back() == ' ')
+    e.pop_back();
+  return e;
+}
+
+template <class T>
+std::string errorOf(T& io) {
+  const std::string e = io.geterror();
+  return oneLine(e.empty() ? OIIO::geterror() : e, "unknown error");
+}
+
+// OpenImageIO's own notes about the file it read, not the file's header.
+bool describesLayout(const std::string& name) {
+  return name.rfind("oiio:", 0) == 0 || name == "compression" || name == "Software" ||
+         name == "tiles";
+}
+
+bool toAttribute(const OIIO::ParamValue& p, vorelapp::OtherAttribute& a) {
+  using Kind = vorelapp::OtherAttribute::Kind;
+  const TypeDesc t = p.type();
+  a.name = p.name().string();
+  if (t == TypeDesc::STRING) {
+    a.kind = Kind::Text;
+    a.text = p.get_string();
+    return true;
+  }
+  if (p.nvalues() != 1 || t.arraylen != 0)
+    return false;
+  const int count = int(t.basevalues());
+  if (count != 1 && count != 2 && count != 3 && count != 9 && count != 16)
+    return false;
+  if (t.basetype == TypeDesc::FLOAT)
+    a.kind = Kind::Float;
+  else if (t.basetype == TypeDesc::DOUBLE)
+    a.kind = Kind::Double;
+  else if (t.basetype == TypeDesc::INT || t.basetype == TypeDesc::UINT ||
+           t.basetype == TypeDesc::INT16 || t.basetype == TypeDesc::UINT16 ||
+           t.basetype == TypeDesc::INT8 || t.basetype == TypeDesc::UINT8)
+    a.kind = count <= 3 ? Kind::Int : Kind::Float;
+  else
+    return false;
+  a.count = count;
+  a.numbers.resize(std::size_t(count));
+  return OIIO::convert_type(TypeDesc(TypeDesc::BASETYPE(t.basetype)), p.data(), TypeDesc::DOUBLE,
+                            a.numbers.data(), count);
+}
+
+std::string readHeader(const std::string& path, vorelapp::OtherHeader& h) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in)
+    return oneLine(OIIO::geterror(), "not an image file");
+  const ImageSpec& s = in->spec();
+  h.x = s.x;
+  h.y = s.y;
+  h.width = s.width;
+  h.height = s.height;
+  h.fullX = s.full_x;
+  h.fullY = s.full_y;
+  h.fullWidth = s.full_width;
+  h.fullHeight = s.full_height;
+  h.volume = s.depth > 1;
+  h.channels.assign(s.channelnames.begin(), s.channelnames.end());
+  h.channels.resize(std::size_t(std::max(0, s.nchannels)));
+  for (const OIIO::ParamValue& p : s.extra_attribs) {
+    vorelapp::OtherAttribute a;
+    if (!describesLayout(p.name().string()) && toAttribute(p, a))
+      h.attributes.push_back(std::move(a));
+  }
+  return "";
+}
+
+std::string readPixels(const std::string& path, std::vector<float>& pixels) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in)
+    return oneLine(OIIO::geterror(), "not an image file");
+  const ImageSpec& s = in->spec();
+  pixels.assign(std::size_t(s.width) * std::size_t(s.height) * std::size_t(s.nchannels), 0.0f);
+  if (!in->read_image(0, 0, 0, s.nchannels, TypeDesc::FLOAT, pixels.data()))
+    return errorOf(*in) + " (the file is truncated or damaged)";
+  return "";
+}
+
+// The encoder's bytes go straight to the caller's file, through writes that are all checked.
+class WriteProxy : public OIIO::Filesystem::IOProxy {
+public:
+  WriteProxy(const std::string& path, const vorelapp::WriteAt& writeAt,
+             const std::function<std::int64_t()>& size)
+      : IOProxy(path, IOProxy::Write), writeAt_(writeAt), size_(size) {}
+  const char* proxytype() const override { return "vorel-staging"; }
+  size_t write(const void* data, size_t size) override {
+    const size_t done = pwrite(data, size, m_pos);
+    m_pos += std::int64_t(done);
+    return done;
+  }
+  size_t pwrite(const void* data, size_t size, int64_t offset) override {
+    return writeAt_(data, size, offset) ? size : 0;
+  }
+  size_t size() const override { return size_t(size_()); }
+
+private:
+  const vorelapp::WriteAt& writeAt_;
+  const std::function<std::int64_t()>& size_;
+};
+
+std::string writeDisplay(const std::string& path, const vorelapp::DisplayPixels& image,
+                         const vorelapp::WriteAt& writeAt, const std::function<std::int64_t()>& size) {
+  ImageSpec spec(image.width, image.height, image.channels, TypeDesc::FLOAT);
+  if (image.withAlpha)
+    spec.alpha_channel = image.channels - 1;
+  OIIO::ImageBuf linear(spec);
+  linear.set_pixels(OIIO::ROI(0, image.width, 0, image.height, 0, 1, 0, image.channels),
+                    TypeDesc::FLOAT, image.pixels);
+  OIIO::ImageBuf display;
+  if (!OIIO::ImageBufAlgo::colorconvert(display, linear, "linear", "sRGB", image.withAlpha))
+    return oneLine(display.geterror(), "colour conversion failed");
+  linear.reset();
+  ImageSpec fileSpec = display.spec();
+  fileSpec.set_format(image.sixteenBit ? TypeDesc::UINT16 : TypeDesc::UINT8);
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out)
+    return oneLine(OIIO::geterror(), "unsupported file type");
+  WriteProxy proxy(path, writeAt, size);
+  if (!out->supports("ioproxy") || !out->set_ioproxy(&proxy))
+    return "the file type cannot be streamed";
+  if (!(out->open(path, fileSpec) && display.write(out.get()) && out->close()))
+    return oneLine(out->geterror() + display.geterror(), "encoding failed");
+  return "";
+}
+
+const vorelapp::OtherImages kTable{readHeader, readPixels, writeDisplay};
+
+}  // namespace
+
+extern "C" const vorelapp::OtherImages* vorelOtherImages() {
+  return &kTable;
+}
