@@ -50,8 +50,8 @@ std::string join(const std::vector<std::string>& items) {
 const char* kRenderHelp = R"(Renders one tzVorel node over image files.
 
 Inputs: INPUT is the node's input 0 (a flat image with a depth channel). With only a deep render,
-leave INPUT out and give --deep: input 0 is then the deep image flattened. Images are read with
-OpenImageIO (EXR, PNG, TIFF, JPEG, ...); a deep input is a deep EXR.
+leave INPUT out and give --deep: input 0 is then the deep image flattened. EXRs are read with
+OpenEXR, other images with OpenImageIO (PNG, TIFF, JPEG, ...); a deep input is a deep EXR.
 
 Output: .exr keeps input 0's channel names, its format as display window and the node's output
 box as data window, and input 0's header: attributes, compression, line order and each

@@ -125,6 +125,40 @@ TEST(ImageFiles, WindowsAndTheRowFlipSurviveTheFile) {
   }
 }
 
+// EXRs are read through one library and other files through another, loaded only for them: both
+// must give the same host image, and an EXR's channels come in the usual order (colour, alpha,
+// depth, the rest; the unlayered first), whatever order the file keeps them in.
+TEST(ImageFiles, OtherFilesReadAsEXRsDoAndChannelsComeInTheUsualOrder) {
+  TempDir dir;
+  auto value = [](int c, int x, int y) { return float(c) + 0.125f * float(x) + 0.0625f * float(y); };
+  const FlatImage written = image({0, 0, 5, 3}, {0, 0, 5, 3}, {"R", "G", "B", "A"}, value);
+  std::vector<float> fileOrder;  // rows from the top, channels interleaved
+  for (int y = 2; y >= 0; --y)
+    for (int x = 0; x < 5; ++x)
+      for (int c = 0; c < 4; ++c)
+        fileOrder.push_back(value(c, x, y));
+  OIIO::ImageSpec spec(5, 3, 4, OIIO::TypeDesc::FLOAT);
+  spec.channelnames = written.channels;
+  auto out = OIIO::ImageOutput::create(dir / "w.tif");
+  ASSERT_TRUE(out->open(dir / "w.tif", spec) &&
+              out->write_image(OIIO::TypeDesc::FLOAT, fileOrder.data()) && out->close());
+  const FlatImage tiff = readFlatImage(dir / "w.tif");
+  const FlatImage exr = readFlatImage(saved(dir / "w.exr", written));
+  for (const FlatImage* back : {&tiff, &exr}) {
+    EXPECT_EQ(back->channels, written.channels);
+    EXPECT_EQ(back->box, written.box);
+    EXPECT_EQ(worst(written, *back, written.channels), 0.0f);
+  }
+
+  const Names scrambled = {"mask.a", "Z", "diffuse.R", "A", "B", "G", "R", "ZBack", "Y", "foo"};
+  const FlatImage layers = image({0, 0, 2, 2}, {0, 0, 2, 2}, scrambled,
+                                 [](int c, int, int) { return float(c); });
+  const FlatImage ordered = readFlatImage(saved(dir / "layers.exr", layers));
+  EXPECT_EQ(ordered.channels, (Names{"R", "G", "B", "Y", "A", "Z", "ZBack", "foo", "diffuse.R",
+                                     "mask.a"}));
+  EXPECT_EQ(worst(layers, ordered, scrambled), 0.0f);
+}
+
 TEST(ImageFiles, NanAndInfinityAreKeptAndBadPathsRefused) {
   TempDir dir;
   FlatImage im = scene(3, 2, [](int, int) { return 1.0f; });
