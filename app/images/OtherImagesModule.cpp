@@ -135,10 +135,11 @@ std::string writeDisplay(const std::string& path, const vorelapp::DisplayPixels&
   linear.reset();
   ImageSpec fileSpec = display.spec();
   fileSpec.set_format(image.sixteenBit ? TypeDesc::UINT16 : TypeDesc::UINT8);
+  // The proxy outlives the writer, whose destructor may still write through it.
+  WriteProxy proxy(path, writeAt, size);
   auto out = OIIO::ImageOutput::create(path);
   if (!out)
     return oneLine(OIIO::geterror(), "unsupported file type");
-  WriteProxy proxy(path, writeAt, size);
   if (!out->supports("ioproxy") || !out->set_ioproxy(&proxy))
     return "the file type cannot be streamed";
   if (!(out->open(path, fileSpec) && display.write(out.get()) && out->close()))
