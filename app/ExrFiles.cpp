@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <numeric>
 #include <thread>
@@ -34,6 +35,7 @@
 #include "app/AppError.h"
 #include "app/InputChecks.h"
 #include "app/Metadata.h"
+#include "app/OnThreads.h"
 #include "app/Output.h"
 
 namespace vorelapp {
@@ -219,18 +221,18 @@ public:
   }
 
   // The frame buffer for file rows [y0, y1]: every channel's value of every sample placed in
-  // the image.
-  Imf::DeepFrameBuffer band(int y0, int y1) {
+  // the image, through `pointers`, which it must outlive.
+  Imf::DeepFrameBuffer band(int y0, int y1, std::vector<char*>& pointers) const {
     const std::size_t nch = names_.size();
     const std::size_t pixels = std::size_t(width_) * std::size_t(y1 - y0 + 1);
-    pointers_.resize(nch * pixels);
+    pointers.resize(nch * pixels);
     for (int fy = y0; fy <= y1; ++fy) {
       const std::size_t first = image_.pixelIndex(image_.box.x, hostRow(image_.format, fy));
       for (std::ptrdiff_t i = 0; i < width_; ++i) {
         float* sample = image_.samples.data() + image_.offsets[first + std::size_t(i)] * nch;
         const std::size_t at = std::size_t(fy - y0) * std::size_t(width_) + std::size_t(i);
         for (std::size_t c = 0; c < nch; ++c)
-          pointers_[c * pixels + at] = reinterpret_cast<char*>(sample + c);
+          pointers[c * pixels + at] = reinterpret_cast<char*>(sample + c);
       }
     }
     Imf::DeepFrameBuffer frame;
@@ -239,7 +241,7 @@ public:
     const std::ptrdiff_t step = sizeof(char*);
     for (std::size_t c = 0; c < nch; ++c)
       frame.insert(names_[c],
-                   Imf::DeepSlice(Imf::FLOAT, sliceBase(&pointers_[c * pixels], window, step,
+                   Imf::DeepSlice(Imf::FLOAT, sliceBase(&pointers[c * pixels], window, step,
                                                          step * width_),
                                   std::size_t(step), std::size_t(step * width_),
                                   nch * sizeof(float)));
@@ -257,59 +259,105 @@ private:
   DeepImage& image_;
   const std::vector<std::string>& names_;
   std::ptrdiff_t width_;
-  std::vector<unsigned> counts_;
-  std::vector<char*> pointers_;
+  std::vector<unsigned> counts_;  // written by OpenEXR through countSlice()
 };
 
 // Rows a band of a deep scanline part covers: a whole number of chunks whatever the compression.
 constexpr int kDeepBandRows = 64;
 
-template <class Part>
-void readDeepScanlines(Part& in, const Box2i& data, DeepPlacer& placer) {
-  in.setFrameBuffer(placer.countsOnly());
-  in.readPixelSampleCounts(data.min.y, data.max.y);
-  placer.placeCounts();
-  for (int y0 = data.min.y; y0 <= data.max.y; y0 += kDeepBandRows) {
-    const int y1 = std::min(y0 + kDeepBandRows - 1, data.max.y);
-    in.setFrameBuffer(placer.band(y0, y1));
-    in.readPixelSampleCounts(y0, y1);  // a new frame buffer forgets the counts read before
-    in.readPixels(y0, y1);
+// One thread's way into a deep part. OpenEXR decodes a deep part's chunks one at a time
+// whatever its thread count, so each thread reads its bands through an input of its own.
+// Band b is rows of scanlines, or the b-th row of tiles of a tiled part's first level.
+class DeepInput {
+public:
+  DeepInput(const std::string& path, int part, bool tiled)
+      : file_(path.c_str()) {
+    if (tiled)
+      tiles_ = std::make_unique<Imf::DeepTiledInputPart>(file_, part);
+    else
+      lines_ = std::make_unique<Imf::DeepScanLineInputPart>(file_, part);
   }
-}
 
-// A tiled part's level 0, a row of tiles at a time.
-void readDeepTiles(Imf::DeepTiledInputPart& in, DeepPlacer& placer) {
-  const int nx = in.numXTiles(0), ny = in.numYTiles(0);
-  in.setFrameBuffer(placer.countsOnly());
-  in.readPixelSampleCounts(0, nx - 1, 0, ny - 1);
-  placer.placeCounts();
-  for (int ty = 0; ty < ny; ++ty) {
-    const Box2i tiles = in.dataWindowForTile(0, ty);
-    in.setFrameBuffer(placer.band(tiles.min.y, tiles.max.y));
-    in.readPixelSampleCounts(0, nx - 1, ty, ty);
-    in.readTiles(0, nx - 1, ty, ty);
+  void readCounts(const Imf::DeepFrameBuffer& frame, int band, const Box2i& rows) {
+    setFrameBuffer(frame);
+    if (tiles_)
+      tiles_->readPixelSampleCounts(0, tiles_->numXTiles(0) - 1, band, band);
+    else
+      lines_->readPixelSampleCounts(rows.min.y, rows.max.y);
   }
+
+  // The counts again, since a new frame buffer forgets those read before, then the samples.
+  void readSamples(const Imf::DeepFrameBuffer& frame, int band, const Box2i& rows) {
+    readCounts(frame, band, rows);
+    if (tiles_)
+      tiles_->readTiles(0, tiles_->numXTiles(0) - 1, band, band);
+    else
+      lines_->readPixels(rows.min.y, rows.max.y);
+  }
+
+  std::vector<char*> pointers;  // this thread's for DeepPlacer::band
+
+private:
+  void setFrameBuffer(const Imf::DeepFrameBuffer& frame) {
+    if (tiles_)
+      tiles_->setFrameBuffer(frame);
+    else
+      lines_->setFrameBuffer(frame);
+  }
+
+  Imf::MultiPartInputFile file_;
+  std::unique_ptr<Imf::DeepTiledInputPart> tiles_;
+  std::unique_ptr<Imf::DeepScanLineInputPart> lines_;
+};
+
+// The file rows of each band.
+std::vector<Box2i> deepBands(const std::string& path, int part, const Box2i& data, bool tiled) {
+  std::vector<Box2i> bands;
+  if (tiled) {
+    Imf::MultiPartInputFile file(path.c_str());
+    Imf::DeepTiledInputPart in(file, part);
+    for (int ty = 0; ty < in.numYTiles(0); ++ty)
+      bands.push_back(in.dataWindowForTile(0, ty));
+    return bands;
+  }
+  for (int y0 = data.min.y; y0 <= data.max.y; y0 += kDeepBandRows)
+    bands.push_back(hostBand(data, y0, std::min(y0 + kDeepBandRows - 1, data.max.y) + 1));
+  return bands;
 }
 
 }  // namespace
 
-void readExrDeep(const std::string& path, int part, DeepImage& image) {
+void readExrDeep(const std::string& path, int part, DeepImage& image, unsigned threads) {
   useAllCores();
   try {
-    Imf::MultiPartInputFile file(path.c_str());
-    const Imf::Header& header = file.header(part);
+    Imf::Header header;
+    {
+      Imf::MultiPartInputFile file(path.c_str());
+      header = file.header(part);
+    }
     const std::vector<std::string> names = exrChannels(header);
     if (names != image.channels)
       throw RenderError("cannot read " + path + ": it changed while being read");
     const Box2i data = header.dataWindow();
+    const bool tiled = header.type() == Imf::DEEPTILE;
+    const std::vector<Box2i> bands = deepBands(path, part, data, tiled);
     DeepPlacer placer(data, image, names);
-    if (header.type() == Imf::DEEPTILE) {
-      Imf::DeepTiledInputPart in(file, part);
-      readDeepTiles(in, placer);
-    } else {
-      Imf::DeepScanLineInputPart in(file, part);
-      readDeepScanlines(in, data, placer);
-    }
+    const unsigned workers = workersFor(threads, bands.size());
+    std::vector<std::unique_ptr<DeepInput>> inputs(workers);
+    auto input = [&](unsigned worker) -> DeepInput& {
+      if (!inputs[worker])
+        inputs[worker] = std::make_unique<DeepInput>(path, part, tiled);
+      return *inputs[worker];
+    };
+    const Imf::DeepFrameBuffer counts = placer.countsOnly();
+    onThreads(workers, bands.size(), [&](std::size_t b, unsigned worker) {
+      input(worker).readCounts(counts, int(b), bands[b]);
+    });
+    placer.placeCounts();
+    onThreads(workers, bands.size(), [&](std::size_t b, unsigned worker) {
+      DeepInput& in = input(worker);
+      in.readSamples(placer.band(bands[b].min.y, bands[b].max.y, in.pointers), int(b), bands[b]);
+    });
   } catch (const AppError&) {
     throw;
   } catch (const std::exception& e) {

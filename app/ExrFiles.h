@@ -33,8 +33,9 @@ std::vector<std::string> exrChannels(const Imf::Header& header);
 // window's size, bottom row first. Throws UsageError for a truncated or damaged file.
 void readExrPixels(const std::string& path, int part, const std::vector<float*>& planes);
 // The part's deep samples into `image`, whose windows and channels are exrChannels()'s: offsets
-// sized and counted, samples placed as the file orders them within each pixel.
-void readExrDeep(const std::string& path, int part, DeepImage& image);
+// sized and counted, samples placed as the file orders them within each pixel. Decoded on up to
+// `threads` threads.
+void readExrDeep(const std::string& path, int part, DeepImage& image, unsigned threads);
 
 // The whole file into `file`; with a header of several parts, the input's other parts copied
 // around the rendered one. Throws what OpenEXR throws.

@@ -20,6 +20,7 @@
 #include "app/ExrFiles.h"
 #include "app/InputChecks.h"
 #include "app/Metadata.h"
+#include "app/OnThreads.h"
 #include "app/OtherImages.h"
 #include "app/Output.h"
 
@@ -196,45 +197,6 @@ FlatImage readFlatHeader(const std::string& path) {
 
 namespace {
 
-// How many threads of `threads` have work with `n` jobs.
-unsigned workersFor(unsigned threads, std::size_t n) {
-  return unsigned(std::max<std::size_t>(1, std::min<std::size_t>(std::max(1u, threads), n)));
-}
-
-// Runs job(i, worker) for every i in [0, n) on `workers` threads, `worker` naming the thread (for
-// what each keeps of its own). The first exception a job throws is rethrown here, once every
-// thread has stopped; the jobs not started by then are not run.
-template <class Job>
-void onThreads(unsigned workers, std::size_t n, const Job& job) {
-  std::atomic<std::size_t> next{0};
-  std::mutex failed;
-  std::exception_ptr failure;
-  auto work = [&](unsigned worker) {
-    try {
-      for (std::size_t i = next++; i < n; i = next++)
-        job(i, worker);
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(failed);
-      if (!failure)
-        failure = std::current_exception();
-      next = n;
-    }
-  };
-  std::vector<std::thread> pool;
-  for (unsigned t = 1; t < workers; ++t) {
-    try {
-      pool.emplace_back(work, t);
-    } catch (const std::system_error&) {
-      break;  // the threads there are take the jobs one by one, so they do them all
-    }
-  }
-  work(0);
-  for (std::thread& t : pool)
-    t.join();
-  if (failure)
-    std::rethrow_exception(failure);
-}
-
 // Every value read as badPixels() says, counted: `values` interleaved by channel, in blocks of
 // `block` values so that the threads share the work. Counts are kept per block, so that which
 // thread took which block does not matter.
@@ -335,7 +297,7 @@ DeepImage readDeepImage(const std::string& path, BadPixelCount* badCount, unsign
   if (image.channelIndex("Z") < 0)
     throw UsageError("deep image " + path + " has no Z channel");
   checkImageFits(path, s.box.w(), s.box.h(), 2);
-  readExrDeep(path, s.part, image);
+  readExrDeep(path, s.part, image, threads);
   BadPixelCount count;
   screenValues(image.samples.data(), image.samples.size(), image.channels, count, threads);
   if (badCount)
