@@ -1,5 +1,6 @@
 #include "app/ExrFiles.h"
 
+#include <Imath/half.h>
 #include <OpenEXR/IexBaseExc.h>
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfDeepFrameBuffer.h>
@@ -17,7 +18,6 @@
 #include <OpenEXR/ImfOutputPart.h>
 #include <OpenEXR/ImfPartType.h>
 #include <OpenEXR/ImfThreading.h>
-#include <Imath/half.h>
 #include <OpenEXR/ImfTiledInputPart.h>
 #include <OpenEXR/ImfTiledOutputPart.h>
 
@@ -45,8 +45,8 @@ namespace {
 using Imath::Box2i;
 using Imath::V2i;
 
-// OpenEXR decodes and encodes the chunks of one call on its global pool: as many threads as the
-// machine has cores, as the image library did before.
+// OpenEXR decodes and encodes the chunks of one call on its global pool, sized to the machine's
+// cores: file work runs before and after the rows, when the render's threads are idle.
 void useAllCores() {
   static std::once_flag once;
   std::call_once(once, [] {
@@ -87,7 +87,8 @@ int channelRank(const std::string& suffix) {
   return 7;
 }
 
-Box2i hostBand(const Box2i& data, int y0, int y1) {
+// File rows [y0, y1) across the data window.
+Box2i rowBand(const Box2i& data, int y0, int y1) {
   return Box2i(V2i(data.min.x, y0), V2i(data.max.x, y1 - 1));
 }
 
@@ -191,64 +192,73 @@ void readExrPixels(const std::string& path, int part, const std::vector<float*>&
 
 namespace {
 
-// Deep samples a band of file rows at a time: OpenEXR places each pixel's samples through a
-// pointer per pixel and channel, which for the whole image would take more memory than the
-// samples themselves.
-class DeepPlacer {
+// A deep image's samples as OpenEXR's frame buffers, a band of file rows at a time: OpenEXR
+// reaches each pixel's samples through a pointer per pixel and channel, which for the whole
+// image would take more memory than the samples themselves. The counts cover the data window,
+// file rows top down; a pixel outside the image's box has none.
+class DeepFrames {
 public:
-  DeepPlacer(const Box2i& data, DeepImage& image, const std::vector<std::string>& names)
-      : data_(data), image_(image), names_(names),
-        width_(std::ptrdiff_t(data.max.x) - data.min.x + 1),
-        counts_(std::size_t(width_) * std::size_t(data.max.y - data.min.y + 1)) {}
+  DeepFrames(const Box2i& data, const DeepImage& image)
+      : data_(data), image_(image), width_(std::ptrdiff_t(data.max.x) - data.min.x + 1),
+        counts_(std::size_t(width_) * std::size_t(std::ptrdiff_t(data.max.y) - data.min.y + 1)) {}
 
-  // The frame buffer with only the counts, file rows top down.
+  // The image's counts, for a writer.
+  void countsFromImage() {
+    for (int fy = data_.min.y; fy <= data_.max.y; ++fy)
+      for (int x = data_.min.x; x <= data_.max.x; ++x)
+        if (inBox(x, hostRow(image_.format, fy)))
+          counts_[index(x, fy)] = unsigned(image_.sampleCount(x, hostRow(image_.format, fy)));
+  }
+
+  // The counts a reader read, into `image`: each host pixel's first sample, and room for all.
+  void countsIntoImage(DeepImage& image) const {
+    image.offsets.assign(counts_.size() + 1, 0);
+    for (int fy = data_.min.y; fy <= data_.max.y; ++fy)
+      std::copy_n(&counts_[index(data_.min.x, fy)], width_,
+                  &image.offsets[image.pixelIndex(image.box.x, hostRow(image.format, fy)) + 1]);
+    std::partial_sum(image.offsets.begin(), image.offsets.end(), image.offsets.begin());
+    DD::Image::host::zeroedPlane(image.samples, image.offsets.back() * image.channels.size());
+  }
+
   Imf::DeepFrameBuffer countsOnly() const {
     Imf::DeepFrameBuffer frame;
     frame.insertSampleCountSlice(countSlice());
     return frame;
   }
 
-  // The counts read: each host pixel's first sample, and room for all of them.
-  void placeCounts() {
-    image_.offsets.assign(counts_.size() + 1, 0);
-    for (int fy = data_.min.y; fy <= data_.max.y; ++fy) {
-      const std::size_t to = image_.pixelIndex(image_.box.x, hostRow(image_.format, fy)) + 1;
-      std::copy_n(&counts_[std::size_t(fy - data_.min.y) * std::size_t(width_)], width_,
-                  &image_.offsets[to]);
-    }
-    std::partial_sum(image_.offsets.begin(), image_.offsets.end(), image_.offsets.begin());
-    DD::Image::host::zeroedPlane(image_.samples, image_.offsets.back() * names_.size());
-  }
-
-  // The frame buffer for file rows [y0, y1]: every channel's value of every sample placed in
-  // the image, through `pointers`, which it must outlive.
+  // The frame buffer for file rows [y0, y1], through `pointers`, which it must outlive. Slices
+  // take pointers to change whichever way the data goes; a writer only reads through them.
   Imf::DeepFrameBuffer band(int y0, int y1, std::vector<char*>& pointers) const {
-    const std::size_t nch = names_.size();
+    const std::size_t nch = image_.channels.size();
     const std::size_t pixels = std::size_t(width_) * std::size_t(y1 - y0 + 1);
-    pointers.resize(nch * pixels);
-    for (int fy = y0; fy <= y1; ++fy) {
-      const std::size_t first = image_.pixelIndex(image_.box.x, hostRow(image_.format, fy));
-      for (std::ptrdiff_t i = 0; i < width_; ++i) {
-        float* sample = image_.samples.data() + image_.offsets[first + std::size_t(i)] * nch;
-        const std::size_t at = std::size_t(fy - y0) * std::size_t(width_) + std::size_t(i);
+    pointers.assign(nch * pixels, nullptr);
+    for (int fy = y0; fy <= y1; ++fy)
+      for (int x = data_.min.x; x <= data_.max.x; ++x) {
+        const int y = hostRow(image_.format, fy);
+        if (!inBox(x, y))
+          continue;
+        const float* sample = image_.samples.data() + image_.offsets[image_.pixelIndex(x, y)] * nch;
+        const std::size_t at = index(x, fy) - index(data_.min.x, y0);
         for (std::size_t c = 0; c < nch; ++c)
-          pointers[c * pixels + at] = reinterpret_cast<char*>(sample + c);
+          pointers[c * pixels + at] = const_cast<char*>(reinterpret_cast<const char*>(sample + c));
       }
-    }
-    Imf::DeepFrameBuffer frame;
-    frame.insertSampleCountSlice(countSlice());
-    const Box2i window = hostBand(data_, y0, y1 + 1);
+    Imf::DeepFrameBuffer frame = countsOnly();
+    const Box2i window = rowBand(data_, y0, y1 + 1);
     const std::ptrdiff_t step = sizeof(char*);
     for (std::size_t c = 0; c < nch; ++c)
-      frame.insert(names_[c],
-                   Imf::DeepSlice(Imf::FLOAT, sliceBase(&pointers[c * pixels], window, step,
-                                                         step * width_),
-                                  std::size_t(step), std::size_t(step * width_),
-                                  nch * sizeof(float)));
+      frame.insert(image_.channels[c],
+                   Imf::DeepSlice(Imf::FLOAT, sliceBase(&pointers[c * pixels], window, step, step * width_),
+                                  std::size_t(step), std::size_t(step * width_), nch * sizeof(float)));
     return frame;
   }
 
 private:
+  bool inBox(int x, int y) const {
+    return x >= image_.box.x && x < image_.box.r && y >= image_.box.y && y < image_.box.t;
+  }
+  std::size_t index(int x, int fy) const {
+    return std::size_t(fy - data_.min.y) * std::size_t(width_) + std::size_t(x - data_.min.x);
+  }
   Imf::Slice countSlice() const {
     const std::ptrdiff_t step = sizeof(unsigned);
     return Imf::Slice(Imf::UINT, sliceBase(counts_.data(), data_, step, step * width_),
@@ -256,10 +266,9 @@ private:
   }
 
   Box2i data_;
-  DeepImage& image_;
-  const std::vector<std::string>& names_;
+  const DeepImage& image_;
   std::ptrdiff_t width_;
-  std::vector<unsigned> counts_;  // written by OpenEXR through countSlice()
+  std::vector<unsigned> counts_;  // read or written by OpenEXR through countSlice()
 };
 
 // Rows a band of a deep scanline part covers: a whole number of chunks whatever the compression.
@@ -295,7 +304,7 @@ public:
       lines_->readPixels(rows.min.y, rows.max.y);
   }
 
-  std::vector<char*> pointers;  // this thread's for DeepPlacer::band
+  std::vector<char*> pointers;  // this thread's, for DeepFrames::band
 
 private:
   void setFrameBuffer(const Imf::DeepFrameBuffer& frame) {
@@ -321,7 +330,7 @@ std::vector<Box2i> deepBands(const std::string& path, int part, const Box2i& dat
     return bands;
   }
   for (int y0 = data.min.y; y0 <= data.max.y; y0 += kDeepBandRows)
-    bands.push_back(hostBand(data, y0, std::min(y0 + kDeepBandRows - 1, data.max.y) + 1));
+    bands.push_back(rowBand(data, y0, std::min(y0 + kDeepBandRows - 1, data.max.y) + 1));
   return bands;
 }
 
@@ -341,7 +350,7 @@ void readExrDeep(const std::string& path, int part, DeepImage& image, unsigned t
     const Box2i data = header.dataWindow();
     const bool tiled = header.type() == Imf::DEEPTILE;
     const std::vector<Box2i> bands = deepBands(path, part, data, tiled);
-    DeepPlacer placer(data, image, names);
+    DeepFrames frames(data, image);
     const unsigned workers = workersFor(threads, bands.size());
     std::vector<std::unique_ptr<DeepInput>> inputs(workers);
     auto input = [&](unsigned worker) -> DeepInput& {
@@ -349,14 +358,14 @@ void readExrDeep(const std::string& path, int part, DeepImage& image, unsigned t
         inputs[worker] = std::make_unique<DeepInput>(path, part, tiled);
       return *inputs[worker];
     };
-    const Imf::DeepFrameBuffer counts = placer.countsOnly();
+    const Imf::DeepFrameBuffer counts = frames.countsOnly();
     onThreads(workers, bands.size(), [&](std::size_t b, unsigned worker) {
       input(worker).readCounts(counts, int(b), bands[b]);
     });
-    placer.placeCounts();
+    frames.countsIntoImage(image);
     onThreads(workers, bands.size(), [&](std::size_t b, unsigned worker) {
       DeepInput& in = input(worker);
-      in.readSamples(placer.band(bands[b].min.y, bands[b].max.y, in.pointers), int(b), bands[b]);
+      in.readSamples(frames.band(bands[b].min.y, bands[b].max.y, in.pointers), int(b), bands[b]);
     });
   } catch (const AppError&) {
     throw;
@@ -502,72 +511,22 @@ void encodeFlatExr(StagingFile& file, const std::string& path, const FlatImage& 
   out.writePixels(h.dataWindow().max.y - h.dataWindow().min.y + 1);
 }
 
-namespace {
-
-// A deep image's samples, a band of file rows at a time, for the writer.
-class DeepGatherer {
-public:
-  DeepGatherer(const DeepImage& image, const Box2i& data) : image_(image), data_(data) {
-    const std::size_t w = std::size_t(image.box.w());
-    counts_.resize(w * std::size_t(image.box.h()));
-    for (int fy = data.min.y; fy <= data.max.y; ++fy)
-      for (int x = image.box.x; x < image.box.r; ++x)
-        counts_[std::size_t(fy - data.min.y) * w + std::size_t(x - image.box.x)] =
-            unsigned(image.sampleCount(x, hostRow(image.format, fy)));
-  }
-
-  Imf::DeepFrameBuffer band(int y0, int y1) {
-    const std::ptrdiff_t w = image_.box.w();
-    const std::size_t nch = image_.channels.size();
-    const std::size_t pixels = std::size_t(w) * std::size_t(y1 - y0 + 1);
-    pointers_.resize(nch * pixels);
-    for (int fy = y0; fy <= y1; ++fy)
-      for (int x = image_.box.x; x < image_.box.r; ++x) {
-        const std::size_t p = image_.pixelIndex(x, hostRow(image_.format, fy));
-        const float* sample = image_.samples.data() + image_.offsets[p] * nch;
-        const std::size_t at = std::size_t(fy - y0) * std::size_t(w) + std::size_t(x - image_.box.x);
-        for (std::size_t c = 0; c < nch; ++c)
-          pointers_[c * pixels + at] = reinterpret_cast<const char*>(sample + c);
-      }
-    const std::ptrdiff_t countStep = sizeof(unsigned), step = sizeof(char*);
-    Imf::DeepFrameBuffer frame;
-    frame.insertSampleCountSlice(Imf::Slice(Imf::UINT,
-                                            sliceBase(counts_.data(), data_, countStep, countStep * w),
-                                            std::size_t(countStep), std::size_t(countStep * w)));
-    const Box2i window = hostBand(data_, y0, y1 + 1);
-    for (std::size_t c = 0; c < nch; ++c)
-      frame.insert(image_.channels[c],
-                   Imf::DeepSlice(Imf::FLOAT, sliceBase(&pointers_[c * pixels], window, step, step * w),
-                                  std::size_t(step), std::size_t(step * w), nch * sizeof(float)));
-    return frame;
-  }
-
-private:
-  const DeepImage& image_;
-  Box2i data_;
-  std::vector<unsigned> counts_;
-  std::vector<const char*> pointers_;
-};
-
-}  // namespace
-
 void encodeDeepExr(StagingFile& file, const std::string& path, const DeepImage& image) {
   useAllCores();
   StagingStream stream(path, file);
-  const Box2i display(V2i(image.format.x, image.format.y),
-                      V2i(image.format.r - 1, image.format.t - 1));
-  const int y0 = hostRow(image.format, image.box.t - 1);
-  const Box2i data(V2i(image.box.x, y0), V2i(image.box.r - 1, y0 + image.box.h() - 1));
-  Imf::Header h(display, data);
+  Imf::Header h = windowedHeader(image.format, image.box);
   h.compression() = Imf::ZIPS_COMPRESSION;
   h.setType(Imf::DEEPSCANLINE);
   for (const std::string& name : image.channels)
     h.channels().insert(name, Imf::Channel(Imf::FLOAT));
   Imf::DeepScanLineOutputFile out(stream, h);
-  DeepGatherer gatherer(image, data);
+  const Box2i& data = h.dataWindow();
+  DeepFrames frames(data, image);
+  frames.countsFromImage();
+  std::vector<char*> pointers;
   for (int fy = data.min.y; fy <= data.max.y; fy += kDeepBandRows) {
     const int last = std::min(fy + kDeepBandRows - 1, data.max.y);
-    out.setFrameBuffer(gatherer.band(fy, last));
+    out.setFrameBuffer(frames.band(fy, last, pointers));
     out.writePixels(last - fy + 1);
   }
 }

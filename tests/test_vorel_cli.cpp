@@ -237,6 +237,16 @@ TEST(ImageFiles, DeepRoundTripAndFlattening) {
   // A deep file is refused where a flat one is wanted, and the other way round.
   EXPECT_THROW(readFlatImage(path), UsageError);
   EXPECT_THROW(readDeepImage(saved(dir / "flat.exr", flat)), UsageError);
+
+  // An empty box still makes a valid file: one pixel without samples.
+  DeepImage none = deep;
+  none.box = {1, 1, 1, 1};
+  none.offsets = {0};
+  none.samples.clear();
+  writeDeepExr(dir / "none.exr", none);
+  const DeepImage empty = readDeepImage(dir / "none.exr");
+  EXPECT_EQ(empty.box.w() * empty.box.h(), 1);
+  EXPECT_EQ(empty.offsets.back(), 0u);
 }
 
 // A deep file is decoded a band of rows at a time on several threads, then put together in the
