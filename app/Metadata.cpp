@@ -17,6 +17,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <type_traits>
 
 #include "DDImage/Host.h"
 #include "app/AppError.h"
@@ -56,57 +57,41 @@ std::string keyStem(const std::string& key) {
   return stem;
 }
 
-template <class T>
-const T* as(const Imf::Attribute& a) {
-  return dynamic_cast<const T*>(&a);
-}
-
-template <class V>
-void addVector(std::vector<double>& values, const V& v) {
-  for (unsigned i = 0; i < V::dimensions(); ++i)
-    values.push_back(double(v[i]));
-}
-
-template <class M>
-void addMatrix(std::vector<double>& values, const M& m) {
-  for (unsigned i = 0; i < M::dimensions(); ++i)
-    for (unsigned j = 0; j < M::dimensions(); ++j)
-      values.push_back(double(m[i][j]));
+// An attribute of type A's numbers onto `values`: a number, or a vector's or matrix's elements.
+template <class A>
+bool addNumbers(const Imf::Attribute& a, std::vector<double>& values) {
+  const auto* typed = dynamic_cast<const A*>(&a);
+  if (!typed)
+    return false;
+  const auto& v = typed->value();
+  if constexpr (std::is_arithmetic_v<std::decay_t<decltype(v)>>) {
+    values.push_back(double(v));
+  } else if constexpr (std::is_same_v<std::decay_t<decltype(v)>, Imf::Rational>) {
+    values.push_back(double(v));
+  } else {
+    const auto* first = v.getValue();
+    for (std::size_t i = 0; i < sizeof v / sizeof *first; ++i)
+      values.push_back(double(first[i]));
+  }
+  return true;
 }
 
 // The attribute's numbers: its values, or a leading number in a string ("50.00 mm").
 std::vector<double> numbers(const Imf::Attribute& a) {
   std::vector<double> values;
-  if (const auto* s = as<Imf::StringAttribute>(a)) {
+  if (const auto* s = dynamic_cast<const Imf::StringAttribute*>(&a)) {
     char* end = nullptr;
     const double v = std::strtod(s->value().c_str(), &end);
     if (end != s->value().c_str())
       values.push_back(v);
-  } else if (const auto* f = as<Imf::FloatAttribute>(a)) {
-    values.push_back(double(f->value()));
-  } else if (const auto* d = as<Imf::DoubleAttribute>(a)) {
-    values.push_back(d->value());
-  } else if (const auto* i = as<Imf::IntAttribute>(a)) {
-    values.push_back(double(i->value()));
-  } else if (const auto* r = as<Imf::RationalAttribute>(a)) {
-    values.push_back(double(r->value()));
-  } else if (const auto* v2f = as<Imf::V2fAttribute>(a)) {
-    addVector(values, v2f->value());
-  } else if (const auto* v2i = as<Imf::V2iAttribute>(a)) {
-    addVector(values, v2i->value());
-  } else if (const auto* v2d = as<Imf::V2dAttribute>(a)) {
-    addVector(values, v2d->value());
-  } else if (const auto* v3f = as<Imf::V3fAttribute>(a)) {
-    addVector(values, v3f->value());
-  } else if (const auto* v3i = as<Imf::V3iAttribute>(a)) {
-    addVector(values, v3i->value());
-  } else if (const auto* v3d = as<Imf::V3dAttribute>(a)) {
-    addVector(values, v3d->value());
-  } else if (const auto* m33 = as<Imf::M33fAttribute>(a)) {
-    addMatrix(values, m33->value());
-  } else if (const auto* m44 = as<Imf::M44fAttribute>(a)) {
-    addMatrix(values, m44->value());
+    return values;
   }
+  addNumbers<Imf::FloatAttribute>(a, values) || addNumbers<Imf::DoubleAttribute>(a, values) ||
+      addNumbers<Imf::IntAttribute>(a, values) || addNumbers<Imf::RationalAttribute>(a, values) ||
+      addNumbers<Imf::V2fAttribute>(a, values) || addNumbers<Imf::V2iAttribute>(a, values) ||
+      addNumbers<Imf::V2dAttribute>(a, values) || addNumbers<Imf::V3fAttribute>(a, values) ||
+      addNumbers<Imf::V3iAttribute>(a, values) || addNumbers<Imf::V3dAttribute>(a, values) ||
+      addNumbers<Imf::M33fAttribute>(a, values) || addNumbers<Imf::M44fAttribute>(a, values);
   return values;
 }
 
