@@ -1,16 +1,11 @@
 #include "app/ImageFiles.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cfloat>
 #include <cmath>
-#include <csignal>
-#include <cstring>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <mutex>
 #include <numeric>
 #include <system_error>
 #include <thread>

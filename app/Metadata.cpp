@@ -14,8 +14,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
+#include <memory>
 #include <sstream>
 #include <type_traits>
 
