@@ -15,6 +15,7 @@
 #include "app/AppError.h"
 #include "app/ImageFiles.h"
 #include "app/InputChecks.h"
+#include "app/OtherImages.h"
 #include "app/RenderChecks.h"
 #include "node/tzVorel.h"
 
@@ -255,6 +256,8 @@ Plan checkPlan(const RenderOptions& o) {
     if (plan.kinds.back() == FileKind::Unknown)
       throw UsageError("cannot write " + output +
                        ": the output must be .exr, or .png, .jpg or .tif for a quick look");
+    if (plan.kinds.back() == FileKind::Display)
+      otherImages();  // its writer is found now, not after the render
   }
   plan.input = o.input;
   plan.deepPath = o.deep;
