@@ -532,6 +532,28 @@ TEST(Headers, MultiPartFilesComeBackWhole) {
   EXPECT_EQ(read(dir / "out.exr"), read(dir / "multi.exr"));
 }
 
+// A file that is not an EXR hands on its header too, as EXR attributes of the same values, and
+// its lens can drive the render.
+TEST(Headers, AnotherKindOfFileHandsOnItsHeader) {
+  TempDir dir;
+  FrameFile tiff;
+  tiff.attributes = [](ImageSpec& s) {
+    s.attribute("ImageDescription", "plate 12");
+    s.attribute("Exif:FocalLength", 85.0f);
+  };
+  tiff.write(dir / "in.tif");  // TIFF keeps no name for its fifth channel: the depth is "channel4"
+  const Outcome r = vorel(dir, Names{"render", "in.tif", "-o", "out.exr", "--camera-from-metadata",
+                                     "--camera", "focus=250,fstop=2,haperture=36,vaperture=24",
+                                     "--set", "depthChannel=channel4"} + kBlur);
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("focal length 85 (Exif:FocalLength)"), std::string::npos) << r.err;
+  const ImageSpec s = header(dir / "out.exr");
+  EXPECT_EQ(s.get_string_attribute("ImageDescription"), "plate 12");
+  EXPECT_EQ(s.get_int_attribute("Orientation"), 1);  // an int, as the TIFF had it
+  EXPECT_FALSE(s.find_attribute("tiff:RowsPerStrip")) << "the TIFF's own layout was handed on";
+  EXPECT_NE(s.get_string_attribute("vorel/settings"), "");
+}
+
 TEST(Headers, TheLensFromTheHeaderOrNamedAsMissing) {
   TempDir dir;
   FrameFile full;

@@ -28,10 +28,22 @@ std::string errorOf(T& io) {
   return oneLine(e.empty() ? OIIO::geterror() : e, "unknown error");
 }
 
-// OpenImageIO's own notes about the file it read, not the file's header.
+// OpenImageIO's notes about the file it read and the format's own layout, not what the image
+// is of: none of it means anything in an EXR.
 bool describesLayout(const std::string& name) {
-  return name.rfind("oiio:", 0) == 0 || name == "compression" || name == "Software" ||
-         name == "tiles";
+  static const char* const kPrefixes[] = {"oiio:", "tiff:", "png:", "jpeg:", "bmp:", "gif:",
+                                          "targa:", "dpx:", "cineon:", "webp:", "heif:"};
+  for (const char* prefix : kPrefixes)
+    if (name.rfind(prefix, 0) == 0)
+      return true;
+  return name == "compression" || name == "Software" || name == "tiles" || name == "planarconfig";
+}
+
+template <class T>
+void copyNumbers(const OIIO::ParamValue& p, std::vector<double>& numbers) {
+  const T* values = static_cast<const T*>(p.data());
+  for (double& v : numbers)
+    v = double(*values++);
 }
 
 bool toAttribute(const OIIO::ParamValue& p, vorelapp::OtherAttribute& a) {
@@ -45,23 +57,22 @@ bool toAttribute(const OIIO::ParamValue& p, vorelapp::OtherAttribute& a) {
   }
   if (p.nvalues() != 1 || t.arraylen != 0)
     return false;
-  const int count = int(t.basevalues());
-  if (count != 1 && count != 2 && count != 3 && count != 9 && count != 16)
+  a.count = int(t.basevalues());
+  if (a.count != 1 && a.count != 2 && a.count != 3 && a.count != 9 && a.count != 16)
     return false;
-  if (t.basetype == TypeDesc::FLOAT)
-    a.kind = Kind::Float;
-  else if (t.basetype == TypeDesc::DOUBLE)
-    a.kind = Kind::Double;
-  else if (t.basetype == TypeDesc::INT || t.basetype == TypeDesc::UINT ||
-           t.basetype == TypeDesc::INT16 || t.basetype == TypeDesc::UINT16 ||
-           t.basetype == TypeDesc::INT8 || t.basetype == TypeDesc::UINT8)
-    a.kind = count <= 3 ? Kind::Int : Kind::Float;
-  else
-    return false;
-  a.count = count;
-  a.numbers.resize(std::size_t(count));
-  return OIIO::convert_type(TypeDesc(TypeDesc::BASETYPE(t.basetype)), p.data(), TypeDesc::DOUBLE,
-                            a.numbers.data(), count);
+  a.numbers.resize(std::size_t(a.count));
+  a.kind = a.count <= 3 ? Kind::Int : Kind::Float;  // EXR has int vectors, not int matrices
+  switch (t.basetype) {
+  case TypeDesc::FLOAT: a.kind = Kind::Float; copyNumbers<float>(p, a.numbers); return true;
+  case TypeDesc::DOUBLE: a.kind = Kind::Double; copyNumbers<double>(p, a.numbers); return true;
+  case TypeDesc::INT: copyNumbers<int>(p, a.numbers); return true;
+  case TypeDesc::UINT: copyNumbers<unsigned>(p, a.numbers); return true;
+  case TypeDesc::INT16: copyNumbers<short>(p, a.numbers); return true;
+  case TypeDesc::UINT16: copyNumbers<unsigned short>(p, a.numbers); return true;
+  case TypeDesc::INT8: copyNumbers<signed char>(p, a.numbers); return true;
+  case TypeDesc::UINT8: copyNumbers<unsigned char>(p, a.numbers); return true;
+  default: return false;
+  }
 }
 
 std::string readHeader(const std::string& path, vorelapp::OtherHeader& h) {
