@@ -1,8 +1,8 @@
 #pragma once
 // Image files that are not EXRs (PNG, TIFF, JPEG, ...), read and written through OpenImageIO.
-// Debian's OpenImageIO brings in some 260 libraries and takes about 0.4 s to load, longer than a
-// frame's rows take on two cores, so it lives in a module of its own (vorel_images.so) that is
-// loaded the first time a file of another kind comes. EXRs go through OpenEXR alone.
+// Debian's OpenImageIO brings in some 260 libraries and takes about 0.4 s to load, a fifth of a
+// 2K frame's whole render on two cores, so it lives in a module of its own (vorel_images.so)
+// that is loaded the first time a file of another kind comes. EXRs go through OpenEXR alone.
 //
 // The module and vorel are built together, so the table below passes C++ types as they are; each
 // entry returns "" or the reason it failed, as one line.
