@@ -70,6 +70,18 @@ UsageError damaged(const std::string& path, const std::exception& e) {
                     " (the file is truncated or damaged)");
 }
 
+// An encoder's failure as one line naming the file; ours pass as they are.
+template <class Encode>
+void encoding(const std::string& path, const Encode& encode) {
+  try {
+    encode();
+  } catch (const AppError&) {
+    throw;
+  } catch (const std::exception& e) {
+    throw RenderError("cannot write " + path + ": " + oneLine(e.what()));
+  }
+}
+
 // Within a layer: colour, then alpha, depth and its back, then the rest.
 int channelRank(const std::string& suffix) {
   std::string s;
@@ -498,37 +510,41 @@ void encodeParts(Imf::OStream& stream, const Imf::Header& rendered, const Imf::F
 void encodeFlatExr(StagingFile& file, const std::string& path, const FlatImage& image,
                    const ExrHeader* header) {
   useAllCores();
-  StagingStream stream(path, file);
-  const Imf::Header h = flatHeader(image, header);
-  const float zero = 0.0f;
-  const FlatFrame frame = flatFrame(image, h, &zero);
-  if (header && header->partCount >= 2) {
-    encodeParts(stream, h, frame.frame, *header);
-    return;
-  }
-  Imf::OutputFile out(stream, h);
-  out.setFrameBuffer(frame.frame);
-  out.writePixels(h.dataWindow().max.y - h.dataWindow().min.y + 1);
+  encoding(path, [&] {
+    StagingStream stream(path, file);
+    const Imf::Header h = flatHeader(image, header);
+    const float zero = 0.0f;
+    const FlatFrame frame = flatFrame(image, h, &zero);
+    if (header && header->partCount >= 2) {
+      encodeParts(stream, h, frame.frame, *header);
+      return;
+    }
+    Imf::OutputFile out(stream, h);
+    out.setFrameBuffer(frame.frame);
+    out.writePixels(h.dataWindow().max.y - h.dataWindow().min.y + 1);
+  });
 }
 
 void encodeDeepExr(StagingFile& file, const std::string& path, const DeepImage& image) {
   useAllCores();
-  StagingStream stream(path, file);
-  Imf::Header h = windowedHeader(image.format, image.box);
-  h.compression() = Imf::ZIPS_COMPRESSION;
-  h.setType(Imf::DEEPSCANLINE);
-  for (const std::string& name : image.channels)
-    h.channels().insert(name, Imf::Channel(Imf::FLOAT));
-  Imf::DeepScanLineOutputFile out(stream, h);
-  const Box2i& data = h.dataWindow();
-  DeepFrames frames(data, image);
-  frames.countsFromImage();
-  std::vector<char*> pointers;
-  for (int fy = data.min.y; fy <= data.max.y; fy += kDeepBandRows) {
-    const int last = std::min(fy + kDeepBandRows - 1, data.max.y);
-    out.setFrameBuffer(frames.band(fy, last, pointers));
-    out.writePixels(last - fy + 1);
-  }
+  encoding(path, [&] {
+    StagingStream stream(path, file);
+    Imf::Header h = windowedHeader(image.format, image.box);
+    h.compression() = Imf::ZIPS_COMPRESSION;
+    h.setType(Imf::DEEPSCANLINE);
+    for (const std::string& name : image.channels)
+      h.channels().insert(name, Imf::Channel(Imf::FLOAT));
+    Imf::DeepScanLineOutputFile out(stream, h);
+    const Box2i& data = h.dataWindow();
+    DeepFrames frames(data, image);
+    frames.countsFromImage();
+    std::vector<char*> pointers;
+    for (int fy = data.min.y; fy <= data.max.y; fy += kDeepBandRows) {
+      const int last = std::min(fy + kDeepBandRows - 1, data.max.y);
+      out.setFrameBuffer(frames.band(fy, last, pointers));
+      out.writePixels(last - fy + 1);
+    }
+  });
 }
 
 }  // namespace vorelapp

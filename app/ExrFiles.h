@@ -38,7 +38,7 @@ void readExrPixels(const std::string& path, int part, const std::vector<float*>&
 void readExrDeep(const std::string& path, int part, DeepImage& image, unsigned threads);
 
 // The whole file into `file`; with a header of several parts, the input's other parts copied
-// around the rendered one. Throws what OpenEXR throws.
+// around the rendered one. Throws RenderError naming the file.
 void encodeFlatExr(StagingFile& file, const std::string& path, const FlatImage& image,
                    const ExrHeader* header);
 void encodeDeepExr(StagingFile& file, const std::string& path, const DeepImage& image);

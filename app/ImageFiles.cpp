@@ -25,13 +25,6 @@ namespace vorelapp {
 
 namespace {
 
-std::string oneLine(std::string e) {
-  std::replace(e.begin(), e.end(), '\n', ' ');
-  while (!e.empty() && e.back() == ' ')
-    e.pop_back();
-  return e;
-}
-
 std::map<std::string, std::string>& chosenParts() {
   static std::map<std::string, std::string> parts;
   return parts;
@@ -395,22 +388,10 @@ FileKind fileKindFor(const std::string& path) {
 
 namespace {
 
-// An encoder's failure as one line naming the file; ours pass as they are.
-template <class Encode>
-void encoding(const std::string& path, const Encode& encode) {
-  try {
-    encode();
-  } catch (const AppError&) {
-    throw;
-  } catch (const std::exception& e) {
-    throw RenderError("cannot write " + path + ": " + oneLine(e.what()));
-  }
-}
-
 void stageExr(OutputBatch& batch, const std::string& path, const FlatImage& image,
               const ExrHeader* header) {
   batch.stage(path, [&](StagingFile& file) {
-    encoding(path, [&] { encodeFlatExr(file, path, image, header); });
+    encodeFlatExr(file, path, image, header);
   });
 }
 
@@ -492,7 +473,7 @@ void stageDeepExr(OutputBatch& batch, const std::string& path, const DeepImage& 
   if (fileKindFor(path) != FileKind::Exr)
     throw RenderError("cannot write " + path + ": the file type holds no deep data");
   batch.stage(path, [&](StagingFile& file) {
-    encoding(path, [&] { encodeDeepExr(file, path, image); });
+    encodeDeepExr(file, path, image);
   });
 }
 
