@@ -27,6 +27,13 @@ inline void addLaneValues(float* sums, LaneFloats cw, const float* K, int a, int
     addLaneValue(sums + static_cast<std::ptrdiff_t>(j) * static_cast<std::ptrdiff_t>(kLanes), cw, K[j]);
 }
 
+// Lanes 0-3 and 4-7 in double (vectors go by reference: returned, they would change the ABI with
+// the machine's vector width).
+inline void widenLanes(LaneFloats v, LaneDoubles& low, LaneDoubles& high) {
+  low = __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1, 2, 3), LaneDoubles);
+  high = __builtin_convertvector(__builtin_shufflevector(v, v, 4, 5, 6, 7), LaneDoubles);
+}
+
 inline void addLaneDifference(double* d, LaneDoubles low, LaneDoubles high) {
   LaneDoubles a, b;
   std::memcpy(&a, d, sizeof a);
@@ -40,9 +47,8 @@ inline void addLaneDifference(double* d, LaneDoubles low, LaneDoubles high) {
 // Kernel columns [a, b) all holding `value`: the product each would add is added at a and taken
 // away again at b. `differences` points at kernel column 0's output column.
 inline void addLaneRun(double* differences, LaneFloats cw, float value, int a, int b) {
-  const LaneFloats product = cw * value;
-  const LaneDoubles low = __builtin_convertvector(__builtin_shufflevector(product, product, 0, 1, 2, 3), LaneDoubles);
-  const LaneDoubles high = __builtin_convertvector(__builtin_shufflevector(product, product, 4, 5, 6, 7), LaneDoubles);
+  LaneDoubles low, high;
+  widenLanes(cw * value, low, high);
   addLaneDifference(differences + static_cast<std::ptrdiff_t>(a) * static_cast<std::ptrdiff_t>(kLanes), low, high);
   addLaneDifference(differences + static_cast<std::ptrdiff_t>(b) * static_cast<std::ptrdiff_t>(kLanes), -low, -high);
 }
@@ -58,11 +64,174 @@ __attribute__((always_inline)) inline void addLaneRow(float* sums, double* diffe
   addLaneValues(sums, cw, Krow, runEnd, b);
 }
 
+// Columns [a, b) of two kernel rows laid over one another, each with its own lanes, one addition
+// per column.
+inline void addLanePairValues(float* sums, LaneFloats cwInner, LaneFloats cwOuter, const float* inner,
+                              const float* outer, int a, int b) {
+  for (int j = a; j < b; ++j) {
+    float* at = sums + static_cast<std::ptrdiff_t>(j) * static_cast<std::ptrdiff_t>(kLanes);
+    LaneFloats v;
+    std::memcpy(&v, at, sizeof v);
+    v += cwInner * inner[j] + cwOuter * outer[j];
+    std::memcpy(at, &v, sizeof v);
+  }
+}
+
+// A row of two kernels laid over one another (KernelPairRowShape), as addLaneRow does one.
+__attribute__((always_inline)) inline void addLanePairRow(float* sums, double* differences, LaneFloats cwInner,
+                                                          LaneFloats cwOuter, const float* inner,
+                                                          const float* outer, const KernelPairRowShape& row,
+                                                          int a, int runStart, int runEnd, int b) {
+  addLanePairValues(sums, cwInner, cwOuter, inner, outer, a, runStart);
+  if (runEnd > runStart) {
+    LaneDoubles low, high, lowOuter, highOuter;
+    widenLanes(cwInner * row.inner, low, high);
+    widenLanes(cwOuter * row.outer, lowOuter, highOuter);
+    low += lowOuter;
+    high += highOuter;
+    const std::ptrdiff_t lanes = static_cast<std::ptrdiff_t>(kLanes);
+    addLaneDifference(differences + runStart * lanes, low, high);
+    addLaneDifference(differences + runEnd * lanes, -low, -high);
+  }
+  addLanePairValues(sums, cwInner, cwOuter, inner, outer, runEnd, b);
+}
+
+// Where a kernel of half h and `width` columns, centred on the sample, lands in the band: output
+// rows [lo, hi], kernel column j on output column x0 + j, and of those, [j0, j1) in the band.
+struct LaneWindow {
+  int lo, hi;
+  long long x0;
+  int j0, j1;
+  bool empty() const { return lo > hi || j0 >= j1; }
+  bool whole(int width) const { return j0 == 0 && j1 == width; }
+};
+
+inline LaneWindow laneWindow(const SourceSample& s, const BandSpan& span, int h, int width) {
+  LaneWindow w;
+  w.lo = std::max(span.lo, s.y - h);
+  w.hi = std::min(span.hi, s.y + h);
+  w.x0 = static_cast<long long>(s.x) - h;
+  w.j0 = static_cast<int>(std::max<long long>(0, span.left - w.x0));
+  w.j1 = static_cast<int>(std::min<long long>(width, span.right - w.x0));
+  return w;
+}
+
+// Walks the band's rows a kernel of `height` rows lands on, top kernel row first, calling
+// add(kernel row, sums, differences, a, runStart, runEnd, b) for each row with values in the band:
+// the row's shape as it stands when the whole width lands (as it mostly does), else clamped to
+// [j0, j1). Marks the rows it adds to as used.
+template <class Shape, class AddRow>
+__attribute__((always_inline)) inline void walkLaneRows(const LaneBand& lanes, unsigned slice,
+                                                        const SourceSample& s, const LaneWindow& w, int h,
+                                                        int width, const Shape* shapes, const AddRow& add) {
+  // Row y takes kernel row s.y - y + h; the next output row's lines are a fixed step on.
+  const std::ptrdiff_t laneStep = static_cast<std::ptrdiff_t>(w.x0) * static_cast<std::ptrdiff_t>(kLanes);
+  float* sums = lanes.sums(w.lo, slice) + laneStep;
+  double* differences = lanes.differences(w.lo, slice) + laneStep;
+  unsigned char* used = lanes.used(w.lo, slice);
+  const std::ptrdiff_t sumsStep = lanes.sumsRowStep(), differencesStep = lanes.differencesRowStep();
+  const int firstRow = s.y - w.lo + h;
+  if (w.whole(width)) {
+    for (int k = firstRow; k >= firstRow - (w.hi - w.lo); --k, sums += sumsStep, differences += differencesStep, ++used) {
+      const Shape& row = shapes[k];
+      if (row.first >= row.last)
+        continue;
+      *used = 1;
+      add(k, sums, differences, row.first, row.runStart, row.runEnd, row.last);
+    }
+    return;
+  }
+  for (int k = firstRow; k >= firstRow - (w.hi - w.lo); --k, sums += sumsStep, differences += differencesStep, ++used) {
+    const Shape& row = shapes[k];
+    const int a = std::max(row.first, w.j0), b = std::min(row.last, w.j1);
+    if (a >= b)
+      continue;
+    *used = 1;
+    const int runStart = std::min(std::max(row.runStart, a), b);
+    const int runEnd = std::min(std::max(row.runEnd, runStart), b);
+    add(k, sums, differences, a, runStart, runEnd, b);
+  }
+}
+
+// Each listed channel's colour times the pass's weight, then the weight; `runs` goes false when a
+// product could be too large for a difference row (or is not finite).
+inline void passLanes(LaneFloats& cw, const float* values, std::size_t count, float w, const Kernel& entry,
+                      bool& runs) {
+  const float limit = kLargestRunProduct / std::max(1.0f, entry.largest);
+  cw = LaneFloats{};
+  for (std::size_t k = 0; k < count; ++k) {
+    cw[k] = values[k] * w;
+    runs = runs && std::fabs(cw[k]) < limit;
+  }
+  cw[count] = w;
+  runs = runs && w < limit;
+}
+
+// One pass of a blend, its kernel rows through their runs; a sample whose products are not fit
+// for a difference row adds every value of every row, zeros too, as the straightforward rows do
+// (a NaN or an infinity spreads over the whole square).
+__attribute__((always_inline)) inline void splatLanePass(const SourceSample& s, const BandSpan& span,
+                                                         const LaneBand& lanes, const Kernel& entry,
+                                                         const float* K, const float* values, std::size_t count,
+                                                         float w) {
+  const int h = entry.half, width = entry.width;
+  const LaneWindow window = laneWindow(s, span, h, width);
+  if (!K || window.empty())
+    return;
+  bool runs = entry.rowShapes.size() == static_cast<std::size_t>(entry.height);
+  LaneFloats cw;
+  passLanes(cw, values, count, w, entry, runs);
+  if (runs) {
+    walkLaneRows(lanes, s.slice, s, window, h, width, entry.rowShapes.data(),
+                 [&](int k, float* sums, double* differences, int a, int runStart, int runEnd, int b) {
+                   addLaneRow(sums, differences, cw, K + static_cast<std::ptrdiff_t>(k) * width,
+                              entry.rowShapes[static_cast<std::size_t>(k)].value, a, runStart, runEnd, b);
+                 });
+    return;
+  }
+  const std::ptrdiff_t laneStep = static_cast<std::ptrdiff_t>(window.x0) * static_cast<std::ptrdiff_t>(kLanes);
+  float* sums = lanes.sums(window.lo, s.slice) + laneStep;
+  unsigned char* used = lanes.used(window.lo, s.slice);
+  const float* Krow = K + static_cast<std::ptrdiff_t>(s.y - window.lo + h) * width;
+  for (int y = window.lo; y <= window.hi; ++y, Krow -= width, sums += lanes.sumsRowStep(), ++used) {
+    *used = 1;
+    addLaneValues(sums, cw, Krow, window.j0, window.j1);
+  }
+}
+
+// Both passes of a blend between an entry and the one two sizes up, the smaller laid over the
+// larger, so each column and row is visited once; false (nothing added) when the pair cannot be
+// taken this way.
+__attribute__((always_inline)) inline bool splatLanePair(const SourceSample& s, const BandSpan& span,
+                                                         const LaneBand& lanes, const Kernel& inner,
+                                                         const Kernel& outer, const float* K, const float* values,
+                                                         std::size_t count, const KernelBlend& blend) {
+  const int h = outer.half, width = outer.width;
+  if (!K || inner.pairShapes.size() != static_cast<std::size_t>(outer.height))
+    return false;
+  bool runs = true;
+  LaneFloats cwInner, cwOuter;
+  passLanes(cwInner, values, count, blend.pass[0].weight, inner, runs);
+  passLanes(cwOuter, values, count, blend.pass[1].weight, outer, runs);
+  if (!runs)
+    return false;
+  const LaneWindow window = laneWindow(s, span, h, width);
+  if (window.empty())
+    return true;
+  const KernelPairRowShape* shapes = inner.pairShapes.data();
+  const float* I = inner.pairPlane.data();
+  walkLaneRows(lanes, s.slice, s, window, h, width, shapes,
+               [&](int k, float* sums, double* differences, int a, int runStart, int runEnd, int b) {
+                 const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(k) * width;
+                 addLanePairRow(sums, differences, cwInner, cwOuter, I + at, K + at, shapes[k], a, runStart, runEnd,
+                                b);
+               });
+  return true;
+}
+
 // The sample into rows [span.lo, span.hi] over columns [span.left, span.right) of a lane band:
 // the same products as splat with shared weights, each channel's colour in its lane and the weight
-// after them. `planes` gives each bank entry's plane (all channels alike). A sample whose values
-// are not finite, or too large for a difference row, adds every kernel value one by one, zeros
-// too, as the straightforward rows do (a NaN or an infinity spreads over the whole square).
+// after them. `planes` gives each bank entry's plane (all channels alike).
 __attribute__((always_inline)) inline void splatLanes(const NodeParameters& p, const Kernel* bank, unsigned n,
                                                       const DD::Image::Box& format, const SourceSample& s,
                                                       const BandSpan& span, const LaneBand& lanes,
@@ -75,66 +244,14 @@ __attribute__((always_inline)) inline void splatLanes(const NodeParameters& p, c
   for (std::size_t k = 0; k < count; ++k)
     values[k] = spreadValue(channels[k]);
   const KernelBlend blend = kernelBlend(bank, n, s.coc, s.weight);
-
+  const auto plane = [&](unsigned e) { return planes[static_cast<std::size_t>(e) * count]; };
+  if (blend.count == 2 && blend.pass[1].entry == blend.pass[0].entry + 2 &&
+      splatLanePair(s, span, lanes, bank[blend.pass[0].entry], bank[blend.pass[1].entry],
+                    plane(blend.pass[1].entry), values, count, blend))
+    return;
   for (unsigned pass = 0; pass < blend.count; ++pass) {
     const unsigned e = blend.pass[pass].entry;
-    const float w = blend.pass[pass].weight;
-    const Kernel& entry = bank[e];
-    const float* K = planes[static_cast<std::size_t>(e) * count];
-    const int h = entry.half, width = entry.width;
-    const int lo = std::max(span.lo, s.y - h), hi = std::min(span.hi, s.y + h);
-    // Kernel column j lands on output column x0 + j; those of [j0, j1) land in the band.
-    const long long x0 = static_cast<long long>(s.x) - h;
-    const int j0 = static_cast<int>(std::max<long long>(0, span.left - x0));
-    const int j1 = static_cast<int>(std::min<long long>(width, span.right - x0));
-    if (!K || lo > hi || j0 >= j1)
-      continue;
-
-    LaneFloats cw = {};
-    bool runs = entry.rowShapes.size() == static_cast<std::size_t>(entry.height);
-    const float limit = kLargestRunProduct / std::max(1.0f, entry.largest);
-    for (std::size_t k = 0; k < count; ++k) {
-      cw[k] = values[k] * w;
-      runs = runs && std::fabs(cw[k]) < limit;
-    }
-    cw[count] = w;
-    runs = runs && w < limit;
-
-    // Row y takes kernel row s.y - y + h; the next output row's lines are a fixed step on.
-    const std::ptrdiff_t laneStep = x0 * static_cast<std::ptrdiff_t>(kLanes);
-    float* sums = lanes.sums(lo, s.slice) + laneStep;
-    double* differences = lanes.differences(lo, s.slice) + laneStep;
-    unsigned char* used = lanes.used(lo, s.slice);
-    const std::ptrdiff_t sumsStep = lanes.sumsRowStep(), differencesStep = lanes.differencesRowStep();
-    const std::ptrdiff_t firstRow = s.y - lo + h;
-    const float* Krow = K + firstRow * width;
-    const KernelRowShape* shapes = entry.rowShapes.data();
-    if (runs && j0 == 0 && j1 == width) {
-      // The whole width lands in the band, as it mostly does: each row's shape as it stands.
-      for (int y = lo; y <= hi; ++y, Krow -= width, sums += sumsStep, differences += differencesStep, ++used) {
-        const KernelRowShape row = shapes[firstRow - (y - lo)];
-        if (row.first >= row.last)
-          continue;
-        *used = 1;
-        addLaneRow(sums, differences, cw, Krow, row.value, row.first, row.runStart, row.runEnd, row.last);
-      }
-      continue;
-    }
-    for (int y = lo; y <= hi; ++y, Krow -= width, sums += sumsStep, differences += differencesStep, ++used) {
-      if (!runs) {
-        *used = 1;
-        addLaneValues(sums, cw, Krow, j0, j1);
-        continue;
-      }
-      const KernelRowShape row = shapes[firstRow - (y - lo)];
-      const int a = std::max(row.first, j0), b = std::min(row.last, j1);
-      if (a >= b)
-        continue;
-      *used = 1;
-      const int runStart = std::min(std::max(row.runStart, a), b);
-      const int runEnd = std::min(std::max(row.runEnd, runStart), b);
-      addLaneRow(sums, differences, cw, Krow, row.value, a, runStart, runEnd, b);
-    }
+    splatLanePass(s, span, lanes, bank[e], plane(e), values, count, blend.pass[pass].weight);
   }
 }
 

@@ -15,6 +15,8 @@ void Kernel::allocate(const DD::Image::ChannelSet& channels, int w, int h) {
 void Kernel::clear() {
   std::vector<std::vector<float>>().swap(planes);
   std::vector<KernelRowShape>().swap(rowShapes);
+  std::vector<float>().swap(pairPlane);
+  std::vector<KernelPairRowShape>().swap(pairShapes);
   largest = 0.0f;
   width = height = half = 0;
   count = 0;

@@ -21,6 +21,10 @@ struct Kernel {
   // magnitude in it. Right for every channel only when all planes are alike.
   std::vector<KernelRowShape> rowShapes;
   float largest = 0.0f;
+  // With the entry two sizes up (when the bank has it): this entry's first plane padded to that
+  // size, and the shape of each row of the two laid over one another.
+  std::vector<float> pairPlane;
+  std::vector<KernelPairRowShape> pairShapes;
 
   // Keeps the slot table, resizes the planes of `channels` to count floats (new elements 0).
   void allocate(const DD::Image::ChannelSet& channels, int width, int height);

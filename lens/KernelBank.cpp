@@ -105,6 +105,34 @@ void describeKernelRows(Kernel& entry, const ChannelSet& vorelChannels) {
   entry.largest = largestMagnitude(plane, static_cast<int>(entry.count));
 }
 
+// Entry `index` laid over the entry two sizes up, for a blend of the two; nothing when the bank
+// ends before that entry or either has no plane to spread.
+void describeKernelPair(std::vector<Kernel>& bank, std::size_t index, const ChannelSet& vorelChannels) {
+  Kernel& inner = bank[index];
+  if (index + 2 >= bank.size() || !inner.pairShapes.empty())
+    return;
+  const Kernel& outer = bank[index + 2];
+  const float* small = inner.plane(vorelChannels.first());
+  const float* large = outer.plane(vorelChannels.first());
+  if (!small || !large || outer.width != inner.width + 2 || outer.height != inner.height + 2)
+    return;
+  const std::size_t width = static_cast<std::size_t>(outer.width);
+  std::vector<float> padded(width * static_cast<std::size_t>(outer.height), 0.0f);
+  for (int y = 0; y < inner.height; ++y)
+    std::copy(small + static_cast<std::size_t>(y) * static_cast<std::size_t>(inner.width),
+              small + static_cast<std::size_t>(y + 1) * static_cast<std::size_t>(inner.width),
+              padded.begin() + static_cast<std::ptrdiff_t>((static_cast<std::size_t>(y) + 1) * width + 1));
+  inner.pairShapes = kernelPairRowShapes(padded.data(), large, outer.width, outer.height);
+  inner.pairPlane = std::move(padded);
+}
+
+// Every entry's pair with the entry two sizes up, once all entries are filled.
+void describeKernelPairs(std::vector<Kernel>& bank, const ChannelSet& vorelChannels) {
+  parallelRows(static_cast<int>(bank.size()), [&](int index) {
+    describeKernelPair(bank, static_cast<std::size_t>(index), vorelChannels);
+  });
+}
+
 }  // namespace
 
 void fillKernelBankEntry(std::vector<Kernel>& bank, int index, const Kernel& master,
@@ -161,6 +189,7 @@ std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const Chan
   std::vector<Kernel> bank(static_cast<std::size_t>(std::max(0, maxCoC + 5)));
   parallelRows(static_cast<int>(bank.size()),
                [&](int index) { fillKernelBankEntry(bank, index, master, vorelChannels); });
+  describeKernelPairs(bank, vorelChannels);
   return bank;
 }
 
@@ -174,6 +203,7 @@ std::vector<Kernel> buildKernelBank(const Kernel& master, int maxCoC, const Chan
     else
       fillKernelBankEntry(bank, index, master, vorelChannels);
   });
+  describeKernelPairs(bank, vorelChannels);
   return bank;
 }
 

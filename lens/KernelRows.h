@@ -16,12 +16,25 @@ struct KernelRowShape {
   float value = 0.0f;
 };
 
+// A row of a bank entry and the entry two sizes up laid over one another, the smaller one centred
+// (padded with a column and a row of zeros all round): a sample's blend of the two then adds each
+// column once. Columns [first, last) hold every column where either is not zero; in
+// [runStart, runEnd) the smaller holds `inner` and the larger `outer` throughout.
+struct KernelPairRowShape {
+  int first = 0, last = 0;
+  int runStart = 0, runEnd = 0;
+  float inner = 0.0f, outer = 0.0f;
+};
+
 // Shorter runs are cheaper added value by value than at their two ends.
 constexpr int kShortestRun = 6;
 
 // The shape of each of the `height` rows of `plane` (`width` floats a row), runs of at least
 // kShortestRun values. A NaN is never part of a run.
 std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height);
+
+// The same for each row of two planes of one size, `inner` (the smaller entry, padded) and `outer`.
+std::vector<KernelPairRowShape> kernelPairRowShapes(const float* inner, const float* outer, int width, int height);
 
 // The largest magnitude among the plane's values that are not NaN.
 float largestMagnitude(const float* plane, int count);

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <random>
 #include <stdexcept>
@@ -409,24 +410,32 @@ TEST(Equivalence, TheComparisonCatchesABandThatDropsAKernelRow) {
 }
 
 // And bands in lane form whose kernel rows are added through runs that take in an edge value, or
-// without the values after their runs.
+// without the values after their runs; each fault alone in the rows of single entries, in the rows
+// of entries laid over the next size, or in where the smaller of those is laid.
 TEST(Equivalence, TheComparisonCatchesARunTooLongOrAnEdgeLeftOut) {
   const Scene scene = makeScene(false);
   const auto frame = openedFrame(scene, variantNamed("artistic_wide"), OutputDefocusedImage);
   ASSERT_TRUE(SplatContext(*frame, rgbaz()).laneForm);
   const Box box = frame->box;
   const Image straight = reference(*frame, box, rgbaz());
-  using Fault = void (*)(KernelRowShape&);
-  for (const Fault fault : {Fault([](KernelRowShape& r) { r.runStart = std::max(r.first, r.runStart - 1); }),
-                            Fault([](KernelRowShape& r) { r.last = r.runEnd > r.runStart ? r.runEnd : r.last; })}) {
+  const auto caught = [&](const std::function<void(Kernel&)>& fault) {
     Frame faulty = banded(*frame, BandShape{});
     std::vector<Kernel> entries = faulty.kernelBank.entries();
     for (Kernel& entry : entries)
-      for (KernelRowShape& row : entry.rowShapes)
-        fault(row);
+      fault(entry);
     faulty.kernelBank = SharedKernelBank(std::move(entries));
-    EXPECT_GT(compare(rowsOf(faulty, box, rgbaz(), rowsInOrder(box)), straight).outsideBound, 0);
-  }
+    return compare(rowsOf(faulty, box, rgbaz(), rowsInOrder(box)), straight).outsideBound > 0;
+  };
+  const auto longerRun = [](auto& r) { r.runStart = std::max(r.first, r.runStart - 1); };
+  const auto edgeLeftOut = [](auto& r) { r.last = r.runEnd > r.runStart ? r.runEnd : r.last; };
+  EXPECT_TRUE(caught([&](Kernel& e) { std::for_each(e.rowShapes.begin(), e.rowShapes.end(), longerRun); }));
+  EXPECT_TRUE(caught([&](Kernel& e) { std::for_each(e.rowShapes.begin(), e.rowShapes.end(), edgeLeftOut); }));
+  EXPECT_TRUE(caught([&](Kernel& e) { std::for_each(e.pairShapes.begin(), e.pairShapes.end(), longerRun); }));
+  EXPECT_TRUE(caught([&](Kernel& e) { std::for_each(e.pairShapes.begin(), e.pairShapes.end(), edgeLeftOut); }));
+  EXPECT_TRUE(caught([](Kernel& e) {
+    if (!e.pairPlane.empty())
+      std::rotate(e.pairPlane.begin(), e.pairPlane.begin() + 1, e.pairPlane.end());
+  }));
 }
 
 // Many threads asking for rows of the same bands, each row several times, in any order: the
