@@ -103,6 +103,9 @@ void describeKernelRows(Kernel& entry, const ChannelSet& vorelChannels) {
   const float* plane = entry.plane(vorelChannels.first());
   entry.rowShapes = kernelRowShapes(plane, entry.width, entry.height);
   entry.largest = largestMagnitude(plane, static_cast<int>(entry.count));
+  // Made again, with the entry two sizes up, once the bank is whole.
+  entry.pairPlane.clear();
+  entry.pairShapes.clear();
 }
 
 // Entry `index` laid over the entry two sizes up, for a blend of the two; nothing when the bank
