@@ -64,36 +64,34 @@ __attribute__((always_inline)) inline void addLaneRow(float* sums, double* diffe
   addLaneValues(sums, cw, Krow, runEnd, b);
 }
 
-// Columns [a, b) of two kernel rows laid over one another, each with its own lanes, one addition
-// per column.
-inline void addLanePairValues(float* sums, LaneFloats cwInner, LaneFloats cwOuter, const float* inner,
-                              const float* outer, int a, int b) {
-  for (int j = a; j < b; ++j) {
+// Columns [a, b) of a pair row (the smaller kernel's row, then `width` floats on the larger's),
+// the two blended with weights wInner and wOuter eight columns at a time; each column's blend times
+// the sample's lanes is one addition.
+inline void addLanePairValues(float* sums, LaneFloats values, float wInner, float wOuter, const float* pairRow,
+                              int width, int a, int b) {
+  for (int j = a; j < b; j += 8) {
+    LaneFloats inner, outer;
+    std::memcpy(&inner, pairRow + j, sizeof inner);
+    std::memcpy(&outer, pairRow + width + j, sizeof outer);
+    float blend[kLanes];
+    const LaneFloats blended = inner * wInner + outer * wOuter;
+    std::memcpy(blend, &blended, sizeof blend);
+    const int n = std::min(8, b - j);
     float* at = sums + static_cast<std::ptrdiff_t>(j) * static_cast<std::ptrdiff_t>(kLanes);
-    LaneFloats v;
-    std::memcpy(&v, at, sizeof v);
-    v += cwInner * inner[j] + cwOuter * outer[j];
-    std::memcpy(at, &v, sizeof v);
+    for (int i = 0; i < n; ++i)
+      addLaneValue(at + static_cast<std::ptrdiff_t>(i) * static_cast<std::ptrdiff_t>(kLanes), values, blend[i]);
   }
 }
 
-// A row of two kernels laid over one another (KernelPairRowShape), as addLaneRow does one.
-__attribute__((always_inline)) inline void addLanePairRow(float* sums, double* differences, LaneFloats cwInner,
-                                                          LaneFloats cwOuter, const float* inner,
-                                                          const float* outer, const KernelPairRowShape& row,
-                                                          int a, int runStart, int runEnd, int b) {
-  addLanePairValues(sums, cwInner, cwOuter, inner, outer, a, runStart);
-  if (runEnd > runStart) {
-    LaneDoubles low, high, lowOuter, highOuter;
-    widenLanes(cwInner * row.inner, low, high);
-    widenLanes(cwOuter * row.outer, lowOuter, highOuter);
-    low += lowOuter;
-    high += highOuter;
-    const std::ptrdiff_t lanes = static_cast<std::ptrdiff_t>(kLanes);
-    addLaneDifference(differences + runStart * lanes, low, high);
-    addLaneDifference(differences + runEnd * lanes, -low, -high);
-  }
-  addLanePairValues(sums, cwInner, cwOuter, inner, outer, runEnd, b);
+// A pair row (KernelPairRowShape), as addLaneRow does a row of one kernel.
+__attribute__((always_inline)) inline void addLanePairRow(float* sums, double* differences, LaneFloats values,
+                                                          float wInner, float wOuter, const float* pairRow,
+                                                          int width, const KernelPairRowShape& row, int a,
+                                                          int runStart, int runEnd, int b) {
+  addLanePairValues(sums, values, wInner, wOuter, pairRow, width, a, runStart);
+  if (runEnd > runStart)
+    addLaneRun(differences, values, row.inner * wInner + row.outer * wOuter, runStart, runEnd);
+  addLanePairValues(sums, values, wInner, wOuter, pairRow, width, runEnd, b);
 }
 
 // Where a kernel of half h and `width` columns, centred on the sample, lands in the band: output
@@ -210,7 +208,7 @@ __attribute__((always_inline)) inline bool splatLanePair(const SourceSample& s, 
   if (!K || inner.pairShapes.size() != static_cast<std::size_t>(outer.height))
     return false;
   bool runs = true;
-  LaneFloats cwInner, cwOuter;
+  LaneFloats cwInner, cwOuter;  // only to tell whether the products fit a difference row
   passLanes(cwInner, values, count, blend.pass[0].weight, inner, runs);
   passLanes(cwOuter, values, count, blend.pass[1].weight, outer, runs);
   if (!runs)
@@ -218,13 +216,19 @@ __attribute__((always_inline)) inline bool splatLanePair(const SourceSample& s, 
   const LaneWindow window = laneWindow(s, span, h, width);
   if (window.empty())
     return true;
+  // Both passes' lanes are the colours times their weights: the blend of the two kernels' values
+  // times the colours is the same sum, rounded in another order.
+  LaneFloats colours = {};
+  for (std::size_t k = 0; k < count; ++k)
+    colours[k] = values[k];
+  colours[count] = 1.0f;
   const KernelPairRowShape* shapes = inner.pairShapes.data();
-  const float* I = inner.pairPlane.data();
+  const float* pairPlane = inner.pairPlane.data();
+  const float wInner = blend.pass[0].weight, wOuter = blend.pass[1].weight;
   walkLaneRows(lanes, s.slice, s, window, h, width, shapes,
                [&](int k, float* sums, double* differences, int a, int runStart, int runEnd, int b) {
-                 const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(k) * width;
-                 addLanePairRow(sums, differences, cwInner, cwOuter, I + at, K + at, shapes[k], a, runStart, runEnd,
-                                b);
+                 addLanePairRow(sums, differences, colours, wInner, wOuter, pairPlane + pairInnerRow(width, k), width,
+                                shapes[k], a, runStart, runEnd, b);
                });
   return true;
 }

@@ -21,8 +21,8 @@ struct Kernel {
   // magnitude in it. Right for every channel only when all planes are alike.
   std::vector<KernelRowShape> rowShapes;
   float largest = 0.0f;
-  // With the entry two sizes up (when the bank has it): this entry's first plane padded to that
-  // size, and the shape of each row of the two laid over one another.
+  // With the entry two sizes up (when the bank has it): this entry's first plane laid over that
+  // entry's, row by row (the layout is in KernelRows.h), and the shape of each row of the two.
   std::vector<float> pairPlane;
   std::vector<KernelPairRowShape> pairShapes;
 

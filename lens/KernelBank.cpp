@@ -120,13 +120,18 @@ void describeKernelPair(std::vector<Kernel>& bank, std::size_t index, const Chan
   if (!small || !large || outer.width != inner.width + 2 || outer.height != inner.height + 2)
     return;
   const std::size_t width = static_cast<std::size_t>(outer.width);
-  std::vector<float> padded(width * static_cast<std::size_t>(outer.height), 0.0f);
-  for (int y = 0; y < inner.height; ++y)
-    std::copy(small + static_cast<std::size_t>(y) * static_cast<std::size_t>(inner.width),
-              small + static_cast<std::size_t>(y + 1) * static_cast<std::size_t>(inner.width),
-              padded.begin() + static_cast<std::ptrdiff_t>((static_cast<std::size_t>(y) + 1) * width + 1));
-  inner.pairShapes = kernelPairRowShapes(padded.data(), large, outer.width, outer.height);
-  inner.pairPlane = std::move(padded);
+  std::vector<float> pair(pairPlaneSize(outer.width, outer.height), 0.0f);
+  for (int y = 0; y < outer.height; ++y) {
+    float* row = pair.data() + pairInnerRow(outer.width, y);
+    if (y >= 1 && y <= inner.height) {
+      const float* from = small + static_cast<std::size_t>(y - 1) * static_cast<std::size_t>(inner.width);
+      std::copy(from, from + inner.width, row + 1);
+    }
+    const float* from = large + static_cast<std::size_t>(y) * width;
+    std::copy(from, from + width, row + width);
+  }
+  inner.pairShapes = kernelPairRowShapes(pair.data(), outer.width, outer.height);
+  inner.pairPlane = std::move(pair);
 }
 
 // Every entry's pair with the entry two sizes up, once all entries are filled.

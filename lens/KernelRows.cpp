@@ -85,14 +85,14 @@ std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int h
   return shapes;
 }
 
-std::vector<KernelPairRowShape> kernelPairRowShapes(const float* inner, const float* outer, int width, int height) {
+std::vector<KernelPairRowShape> kernelPairRowShapes(const float* pairPlane, int width, int height) {
   std::vector<KernelPairRowShape> shapes;
-  if (!inner || !outer || width <= 0 || height <= 0)
+  if (!pairPlane || width <= 0 || height <= 0)
     return shapes;
   shapes.reserve(static_cast<std::size_t>(height));
   for (int y = 0; y < height; ++y) {
-    const std::size_t at = static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
-    shapes.push_back(pairRowShape(inner + at, outer + at, width));
+    const float* inner = pairPlane + pairInnerRow(width, y);
+    shapes.push_back(pairRowShape(inner, inner + width, width));
   }
   return shapes;
 }

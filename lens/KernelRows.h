@@ -4,6 +4,7 @@
 // interior between two soft edges, and a kernel image has long runs too; a run can be added at
 // its two ends into a difference row instead of value by value.
 
+#include <cstddef>
 #include <vector>
 
 namespace vorel {
@@ -33,8 +34,20 @@ constexpr int kShortestRun = 6;
 // kShortestRun values. A NaN is never part of a run.
 std::vector<KernelRowShape> kernelRowShapes(const float* plane, int width, int height);
 
-// The same for each row of two planes of one size, `inner` (the smaller entry, padded) and `outer`.
-std::vector<KernelPairRowShape> kernelPairRowShapes(const float* inner, const float* outer, int width, int height);
+// A pair plane (Kernel::pairPlane) holds, for each of `height` rows, the smaller entry's row (padded
+// to `width`) and then the larger's, and kPairPlaneSlack floats after the last, so that a vector
+// of eight may be read from any column.
+constexpr int kPairPlaneSlack = 8;
+inline std::size_t pairPlaneSize(int width, int height) {
+  return 2 * static_cast<std::size_t>(width) * static_cast<std::size_t>(height) + kPairPlaneSlack;
+}
+// Where row y's smaller-entry row begins; the larger entry's row is `width` floats on.
+inline std::size_t pairInnerRow(int width, int y) {
+  return 2 * static_cast<std::size_t>(width) * static_cast<std::size_t>(y);
+}
+
+// The shape of each row of a pair plane.
+std::vector<KernelPairRowShape> kernelPairRowShapes(const float* pairPlane, int width, int height);
 
 // The largest magnitude among the plane's values that are not NaN.
 float largestMagnitude(const float* plane, int count);
