@@ -151,18 +151,22 @@ __attribute__((always_inline)) inline void walkLaneRows(const LaneBand& lanes, u
   }
 }
 
-// Each listed channel's colour times the pass's weight, then the weight; `runs` goes false when a
-// product could be too large for a difference row (or is not finite).
-inline void passLanes(LaneFloats& cw, const float* values, std::size_t count, float w, const Kernel& entry,
-                      bool& runs) {
+// Whether every product of a pass with weight w and the entry's values fits a difference row
+// (false too when one is not finite).
+inline bool fitsDifferenceRow(const float* values, std::size_t count, float w, const Kernel& entry) {
   const float limit = kLargestRunProduct / std::max(1.0f, entry.largest);
+  bool fits = w < limit;
+  for (std::size_t k = 0; k < count; ++k)
+    fits = fits && std::fabs(values[k] * w) < limit;
+  return fits;
+}
+
+// Each listed channel's colour times the pass's weight, then the weight.
+inline void passLanes(LaneFloats& cw, const float* values, std::size_t count, float w) {
   cw = LaneFloats{};
-  for (std::size_t k = 0; k < count; ++k) {
+  for (std::size_t k = 0; k < count; ++k)
     cw[k] = values[k] * w;
-    runs = runs && std::fabs(cw[k]) < limit;
-  }
   cw[count] = w;
-  runs = runs && w < limit;
 }
 
 // One pass of a blend, its kernel rows through their runs; a sample whose products are not fit
@@ -176,10 +180,9 @@ __attribute__((always_inline)) inline void splatLanePass(const SourceSample& s, 
   const LaneWindow window = laneWindow(s, span, h, width);
   if (!K || window.empty())
     return;
-  bool runs = entry.rowShapes.size() == static_cast<std::size_t>(entry.height);
   LaneFloats cw;
-  passLanes(cw, values, count, w, entry, runs);
-  if (runs) {
+  passLanes(cw, values, count, w);
+  if (entry.rowShapes.size() == static_cast<std::size_t>(entry.height) && fitsDifferenceRow(values, count, w, entry)) {
     walkLaneRows(lanes, s.slice, s, window, h, width, entry.rowShapes.data(),
                  [&](int k, float* sums, double* differences, int a, int runStart, int runEnd, int b) {
                    addLaneRow(sums, differences, cw, K + static_cast<std::ptrdiff_t>(k) * width,
@@ -199,19 +202,17 @@ __attribute__((always_inline)) inline void splatLanePass(const SourceSample& s, 
 
 // Both passes of a blend between an entry and the one two sizes up, the smaller laid over the
 // larger, so each column and row is visited once; false (nothing added) when the pair cannot be
-// taken this way.
+// taken this way. `outerPlane` is the larger entry's plane for the listed channels (null when it
+// has none); the pair plane holds its values too.
 __attribute__((always_inline)) inline bool splatLanePair(const SourceSample& s, const BandSpan& span,
                                                          const LaneBand& lanes, const Kernel& inner,
-                                                         const Kernel& outer, const float* K, const float* values,
-                                                         std::size_t count, const KernelBlend& blend) {
+                                                         const Kernel& outer, const float* outerPlane,
+                                                         const float* values, std::size_t count,
+                                                         const KernelBlend& blend) {
   const int h = outer.half, width = outer.width;
-  if (!K || inner.pairShapes.size() != static_cast<std::size_t>(outer.height))
-    return false;
-  bool runs = true;
-  LaneFloats cwInner, cwOuter;  // only to tell whether the products fit a difference row
-  passLanes(cwInner, values, count, blend.pass[0].weight, inner, runs);
-  passLanes(cwOuter, values, count, blend.pass[1].weight, outer, runs);
-  if (!runs)
+  if (!outerPlane || inner.pairShapes.size() != static_cast<std::size_t>(outer.height) ||
+      !fitsDifferenceRow(values, count, blend.pass[0].weight, inner) ||
+      !fitsDifferenceRow(values, count, blend.pass[1].weight, outer))
     return false;
   const LaneWindow window = laneWindow(s, span, h, width);
   if (window.empty())
