@@ -219,10 +219,8 @@ __attribute__((always_inline)) inline bool splatLanePair(const SourceSample& s, 
     return true;
   // Both passes' lanes are the colours times their weights: the blend of the two kernels' values
   // times the colours is the same sum, rounded in another order.
-  LaneFloats colours = {};
-  for (std::size_t k = 0; k < count; ++k)
-    colours[k] = values[k];
-  colours[count] = 1.0f;
+  LaneFloats colours;
+  passLanes(colours, values, count, 1.0f);
   const KernelPairRowShape* shapes = inner.pairShapes.data();
   const float* pairPlane = inner.pairPlane.data();
   const float wInner = blend.pass[0].weight, wOuter = blend.pass[1].weight;
