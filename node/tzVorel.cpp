@@ -335,8 +335,9 @@ void tzVorel::_open() {
   }
   f->kernelsReady = true;
   // Rows are made a band at a time from here on; releaseKernels drops the bands with the kernels.
-  f->bands = std::make_shared<BandCache>(f->params.hasDeepInput ? BandShape{kDeepBandRows, kStripColumns}
-                                                                  : BandShape{});
+  const int stripColumns = stripColumnsFor(f->kernelRadius);
+  f->bands = std::make_shared<BandCache>(f->params.hasDeepInput ? BandShape{kDeepBandRows, stripColumns}
+                                                                  : BandShape{kBandRows, stripColumns});
   frame_ = std::move(f);
 }
 
