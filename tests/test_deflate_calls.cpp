@@ -24,7 +24,8 @@ Bytes pixelBytes(std::size_t floats, unsigned seed) {
     values[i] = std::sin(float(i) * 0.01f) + float(state >> 20) * 1e-6f;
   }
   Bytes bytes(floats * sizeof(float));
-  std::memcpy(bytes.data(), values.data(), bytes.size());
+  if (floats)
+    std::memcpy(bytes.data(), values.data(), bytes.size());
   return bytes;
 }
 
