@@ -7,6 +7,8 @@
 // the strips other threads took. A band's rows are dropped once every one of them was served; one
 // asked again after that makes its band again.
 
+#include <algorithm>
+#include <climits>
 #include <condition_variable>
 #include <cstddef>
 #include <exception>
@@ -34,12 +36,13 @@ struct BandShape {
   int stripColumns = kStripColumns;
 };
 
-// Strips at least eight kernel radii wide: a kernel as wide as a good part of its strip lands in
-// two or three strips, and each visit walks all the rows it has in the band, so large kernels
-// spent nearly half their time on rows cut by a strip's edge (4096x3112 at radius 128: rows on
-// one thread 25.8 s in strips of 256, 22.5 s in 512 or 1024; radius 64: 5% less in 512).
+// Strips at least eight kernel radii wide. A kernel as wide as a good part of its strip lands in
+// two or three strips, and each visit walks every row it has in the band, however few of its
+// columns the strip holds (4096x3112 at radius 128, rows on one thread: 25.8 s in strips of 256,
+// 22.5 s in 512 or 1024; at radius 64, 5% less in 512).
 inline int stripColumnsFor(int kernelRadius) {
-  return kernelRadius > kStripColumns / 8 ? 8 * kernelRadius : kStripColumns;
+  const long long wide = 8LL * kernelRadius;
+  return wide > kStripColumns ? static_cast<int>(std::min<long long>(wide, INT_MAX)) : kStripColumns;
 }
 
 // Bands kept at once, finished or under way, before the oldest is let go (a host asking only some
