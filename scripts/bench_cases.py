@@ -2,7 +2,8 @@
 """End-to-end cases of `vorel render` beside GEGL's gegl:lens-blur given the same per-pixel radius.
 
 Called by scripts/bench after the build. For each case it runs vorel --reps times with each
-thread count, the counts taking turns (the best wall time counts, and the best compute), reads its own account of where the time went (--timings: read, open with its serial
+thread count, the counts taking turns (the best wall time counts, and apart from it the best
+compute), reads its own account of where the time went (--timings: read, open with its serial
 parts when vorel reports them, rows, write), and its peak resident set, also as a multiple of the
 input and output pixels; on the flat cases at f/2.8 and f/1.4 it also runs the peer on the CoC
 pass vorel wrote (--coc-out), the peer's copy alone (load and save, no blur), and measures how
@@ -108,7 +109,7 @@ class Bench:
         """Runs the case with each thread count in turn, round after round, so that every count
         meets the machine in the same state. Per count: the run with the best wall time, and the
         best compute over all runs (a busy moment in one stage need not spoil the others)."""
-        best, least = {}, {}
+        best, least, results = {}, {}, {}
         for _ in range(reps or self.o.reps):
             for threads in thread_counts:
                 out = os.path.join(self.dir, "out_%s_%d.exr" % (name, threads))
@@ -124,12 +125,12 @@ class Bench:
         for threads in thread_counts:
             seconds, split, peak, out = best[threads]
             r = dict(split, wall=seconds, peak=peak, ratio=peak / pixels_mb, out=out, compute=least[threads])
-            self.results[(name, threads)] = r
+            self.results[(name, threads)] = results[threads] = r
             open_split = " ".join(seconds_or_dash(r[k], 5) for k in ["scan", "bank", "tables"])
             print("%-22s %2d %8.2f %6.2f %6.2f %s %7.2f %6.2f %8.1f %5.2fx %7.2f" % (
                 name, threads, r["wall"], r["read"], r["open"], open_split, r["rows"], r["write"], r["peak"],
                 r["ratio"], r["compute"]), flush=True)
-        return self.results
+        return results
 
     def peer(self, name, scene_exr, coc_exr, vorel_out):
         """gegl:lens-blur with vorel's radii: a mask of CoC / largest CoC scales radius = largest / 2."""
@@ -180,7 +181,7 @@ class Bench:
             results = self.vorel_case(name, inputs, settings, self.threads_for(name), pixels_mb, coc,
                                       1 if name.startswith("large") else None)
             if coc:
-                self.peer(name, inputs[0], coc, results[(name, 2)]["out"])
+                self.peer(name, inputs[0], coc, results[2]["out"])
         self.table()
 
     def threads_for(self, name):
@@ -193,8 +194,6 @@ class Bench:
         w, h = self.o.width, self.o.height
         def get(name, threads=2):
             return R.get((name, threads))
-        def compute(r):
-            return r["compute"]
         skipped = "not run (--quick)" if self.o.quick else "not run"
         rows = []
         def target(case, value, limit, met):
@@ -205,16 +204,16 @@ class Bench:
         target("benchmark frame end to end vs gegl:lens-blur",
                ratio and "%.2f s vs %.2f s: ratio %.2f" % (f["wall"], peer["wall"], ratio), "<= 0.9",
                ratio and ratio <= 0.9)
-        target("benchmark frame, compute (rows + tables + bank)", f and "%.2f s" % compute(f), "<= 0.5 s",
-               f and compute(f) <= 0.5)
+        target("benchmark frame, compute (rows + tables + bank)", f and "%.2f s" % f["compute"], "<= 0.5 s",
+               f and f["compute"] <= 0.5)
         g = get("f1.4_128")
-        slower = compute(g) / compute(f) if f and g else None
+        slower = g["compute"] / f["compute"] if f and g else None
         target("f/1.4 128 vs f/2.8 64, compute", slower and "%.2fx" % slower, "<= 1.6x", slower and slower <= 1.6)
         k = get("large_f1.4_256")
         target("%dx%d f/1.4 256, end to end" % (2 * w, 2 * h), k and "%.1f s" % k["wall"], "<= 15 s",
                k and k["wall"] <= 15)
         d = get("deep_f2.8_64")
-        deeper = compute(d) / compute(f) if f and d else None
+        deeper = d["compute"] / f["compute"] if f and d else None
         target("deep vs flat, compute", deeper and "%.2fx" % deeper, "<= 1.5x", deeper and deeper <= 1.5)
         scaling = []
         for name in ["f2.8_64", "f1.4_128", "deep_f2.8_64", "blades_f2.8_64", "kernel_image_f2.8_64",
@@ -222,7 +221,7 @@ class Bench:
             one, two = get(name, 1), get(name, 2)
             if one and two:
                 serial = " ".join("%s %s" % (k, seconds_or_dash(two[k], 0)) for k in ["scan", "bank", "tables"])
-                scaling.append((name, compute(one) / compute(two), "open %.2f s: %s" % (two["open"], serial)))
+                scaling.append((name, one["compute"] / two["compute"], "open %.2f s: %s" % (two["open"], serial)))
         scaling = scaling or None
         target("2 threads vs 1, compute",
                scaling and "; ".join("%s %.2f (%s)" % s for s in scaling), ">= 1.85 each",
