@@ -26,7 +26,7 @@ typedef double LaneDoubles __attribute__((vector_size(32)));
 // Storage that starts on a cache line, so that a column's lanes (32 bytes of floats, 64 of
 // doubles) never straddle two lines. A plain allocation is only sure to be on 16 bytes; from
 // there, a column's differences straddle two lines unless by chance, and half its sums do, which
-// cost the benchmark frame's rows 5-8% on one thread and more on two.
+// cost the benchmark frame's rows 5-8% on one thread or two.
 template <class T>
 struct CacheLineAllocator {
   using value_type = T;
